@@ -1,0 +1,15 @@
+# GoogleTest is compiled with the preset's own compiler and sanitizers, from the sources that Debian's
+# `googletest` package installs: its prebuilt library fits neither the sanitizers nor the target.
+set(LODESTONE_GTEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest sources")
+if(NOT EXISTS ${LODESTONE_GTEST_SOURCE}/CMakeLists.txt)
+  message(FATAL_ERROR "GoogleTest sources not found; run: ./dev setup")
+endif()
+set(BUILD_GMOCK OFF)
+set(INSTALL_GTEST OFF)
+add_subdirectory(${LODESTONE_GTEST_SOURCE} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+include(GoogleTest)
+foreach(target gtest gtest_main)
+  if(LODESTONE_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${LODESTONE_SANITIZE})
+  endif()
+endforeach()
