@@ -1,0 +1,122 @@
+#include "AllocationHook.h"
+#include "StreamFixture.h"
+
+namespace
+{
+
+struct Course
+{
+    const char* name;
+    const char* config;
+    std::vector<int> channels;
+    std::vector<int> constants;
+};
+
+void PrintTo(const Course& course, std::ostream* out)
+{
+    *out << course.name;
+}
+
+} // namespace
+
+/// What a steady stream costs beyond time: nothing from the heap, and no memory that nobody needs.
+class FramePathTest : public StreamFixture, public ::testing::WithParamInterface<Course>
+{
+protected:
+    // A thousand bytes for each unit of the channel's number.
+    void prepare(const std::vector<int>& channels, const std::vector<int>& constants)
+    {
+        for (const int channelID : channels) {
+            m_frame.emplace_back(channelID, std::string(static_cast<std::size_t>(channelID) * 1000, 'x'));
+        }
+        for (const int channelID : constants) {
+            m_constants.emplace_back(channelID, std::string(static_cast<std::size_t>(channelID) * 1000, 'x'));
+        }
+        m_frameArray = arrayOf(m_frame);
+        m_constantArray = arrayOf(m_constants);
+    }
+
+    // Frames one after the other, each read to its end, so that what is in flight is the same every time.
+    // Touches no heap itself.
+    bool runFrames(int count)
+    {
+        for (int k = 0; k < count; ++k) {
+            const std::uint32_t before = m_probe->nextCycle();
+            m_queue->addBuffers(m_constantArray.data(), static_cast<std::uint32_t>(m_constantArray.size()),
+                                true);
+            m_queue->addBuffers(m_frameArray.data(), static_cast<std::uint32_t>(m_frameArray.size()), false);
+            for (std::uint32_t cycle = before; cycle != m_probe->nextCycle(); ++cycle) {
+                if (!m_client->skipCycle()) {
+                    return false;
+                }
+            }
+            if (!waitFor([this] { return m_probe->storeEmpty(); })) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    Frame m_frame;
+    Frame m_constants;
+    std::vector<AlgoMeasBuffer> m_frameArray;
+    std::vector<AlgoMeasBuffer> m_constantArray;
+    std::unique_ptr<StreamClient> m_client;
+};
+
+TEST_P(FramePathTest, SteadyStreamMakesNoHeapCall)
+{
+    openQueue(GetParam().config);
+    prepare(GetParam().channels, GetParam().constants);
+    m_client = connectClient();
+    reachNormalData(m_frame);
+    ASSERT_TRUE(waitFor([this] { return m_probe->storeEmpty(); }));
+    ASSERT_TRUE(runFrames(50));
+    const std::size_t liveBefore = AllocationScope::liveBlocks();
+    const AllocationScope scope(AllocationScope::NEVER, AllocationScope::Threads::ALL);
+    EXPECT_TRUE(runFrames(50));
+    EXPECT_EQ(scope.count(), 0U);
+    EXPECT_EQ(AllocationScope::liveBlocks(), liveBefore); // nothing freed either
+}
+
+INSTANTIATE_TEST_SUITE_P(Courses, FramePathTest,
+                         ::testing::Values(Course{"whole", "4,3,20:1,n:2,n:80,n", {1, 2, 80}, {}},
+                                           Course{"waiting", "4,3,-2:1,n:2,n", {1, 2}, {}},
+                                           Course{"split", "4,3,20:1,s:2,n", {1, 2}, {}},
+                                           Course{"intermittent", "4,3,20:1,i:2,n", {1, 2}, {}},
+                                           Course{"constant", "4,3,20:1,n:2,n:3,s", {1}, {2, 3}}),
+                         [](const ::testing::TestParamInfo<Course>& course) {
+                             return std::string(course.param.name);
+                         });
+
+TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
+{
+    openQueue("1,1,100:1,n:2,n");
+    prepare({1}, {});
+    m_client = connectClient(4096);
+    reachNormalData(m_frame);
+    ASSERT_TRUE(runFrames(50));
+    const Frame big = {{2, std::string(1 << 20, 'x')}};
+    const auto before = static_cast<std::int64_t>(AllocationScope::liveBytes());
+    const auto grown = [=] { return static_cast<std::int64_t>(AllocationScope::liveBytes()) - before; };
+
+    const std::uint32_t first = m_probe->nextCycle();
+    for (int k = 0; k < 40; ++k) {
+        deliver(big); // nobody reads: they pile up
+    }
+    EXPECT_GT(grown(), 30 << 20);
+    for (std::uint32_t cycle = first; cycle != m_probe->nextCycle(); ++cycle) {
+        ASSERT_TRUE(m_client->skipCycle());
+    }
+    EXPECT_GT(grown(), 30 << 20); // kept for the next burst, for a while
+    ASSERT_TRUE(runFrames(6000));
+    EXPECT_LT(grown(), 3 << 20);
+
+    m_client->close();
+    EXPECT_TRUE(waitFor([this] {
+        deliver(m_frame);
+        return !m_probe->connected() && m_probe->storeEmpty();
+    }));
+    deliver(m_frame);
+    EXPECT_LE(grown(), 0);
+}

@@ -1,0 +1,697 @@
+#include "Lodestone.h"
+#include "support/AllocationHook.h"
+#include "support/LibraryCalls.h"
+#include "support/StreamFixture.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <dirent.h>
+#include <fstream>
+#include <poll.h>
+#include <set>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <thread>
+#include <tuple>
+
+using namespace LibraryCalls;
+
+namespace
+{
+
+enum
+{
+    INITIATE = 0,
+    ONCE_DATA = 1,
+    NORMAL_DATA = 2
+};
+
+const int NARROW = 16384;
+const std::string BIG(1000000, 'b');
+const int LOOKS_TO_STALL = Lodestone::CycleGate::STALL_LIMIT_MS / Lodestone::CycleGate::LOOK_INTERVAL_MS;
+
+/// A call of the host's on another thread, since the test sees to it that it can't end yet.
+class HostCall
+{
+public:
+    template<typename Operation>
+    explicit HostCall(Operation operation)
+        : m_thread([this, operation] {
+              operation();
+              m_done = true;
+          })
+    {}
+    ~HostCall() { m_thread.join(); }
+
+    bool done() const { return m_done; }
+    bool await() const
+    {
+        return waitFor([this] { return done(); });
+    }
+
+private:
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
+
+/// Whether the kernel has told the library's end of the newest connection that the client is gone.
+bool clientSeenGone()
+{
+    pollfd entry = {g_connection, POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+std::set<std::string> threadNames()
+{
+    std::set<std::string> names;
+    DIR* const tasks = ::opendir("/proc/self/task");
+    while (const dirent* const task = ::readdir(tasks)) {
+        std::string name;
+        std::getline(std::ifstream(std::string("/proc/self/task/") + task->d_name + "/comm"), name);
+        names.insert(name);
+    }
+    ::closedir(tasks);
+    return names;
+}
+
+} // namespace
+
+/// Interleavings of the three threads that are rare in life, each one forced: a thread is held at a call
+/// while the others go on.
+class InterleavingTest : public StreamFixture
+{
+protected:
+    void TearDown() override
+    {
+        m_queue.reset();
+        stopClock(false);
+        EXPECT_EQ(g_threads, 0) << "library threads that nobody has joined";
+        EXPECT_FALSE(g_signalsOpen);
+    }
+
+    /// Delivers until the client has something to read, and reads one cycle.
+    WireCycle nextCycle(StreamClient& client, const Frame& frame)
+    {
+        EXPECT_TRUE(waitFor([&] {
+            if (!client.somethingWaits()) {
+                deliver(frame);
+            }
+            return client.somethingWaits();
+        }));
+        return client.readCycle();
+    }
+
+    void awaitStoreEmpty()
+    {
+        EXPECT_TRUE(waitFor([this] { return m_probe->storeEmpty(); }));
+    }
+
+    /// Opens the queue and connects a client that has normal data and an idle sender. With `room` for so many
+    /// bytes on either end a big cycle gets stuck soon.
+    std::unique_ptr<StreamClient> openStream(const std::string& config, const Frame& frame, int room = 0)
+    {
+        openQueue(config);
+        auto client = connectClient(room);
+        if (room != 0) {
+            ::setsockopt(g_connection, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+        }
+        reachNormalData(frame);
+        awaitStoreEmpty();
+        return client;
+    }
+
+    /// Delivers more than a connection with little room can take, and waits until the sender is in a send
+    /// that blocks.
+    void stall(const Frame& frame)
+    {
+        const Calls sends(SEND, SENDER);
+        deliver(frame);
+        ASSERT_TRUE(sends.await(3)); // both headers, the first payload
+    }
+
+    /// Whether a new buffer of channel 10 still gets through to the client, whatever comes before it.
+    void expectStreamGoesOn(StreamClient& client, const Frame& frame)
+    {
+        reachNormalData(frame);
+        awaitStoreEmpty();
+        deliver({{10, "goes on"}});
+        WireCycle cycle;
+        do {
+            cycle = client.readCycle();
+            EXPECT_TRUE(!cycle.complete || !cycle.channels().empty());
+        } while (cycle.complete && (cycle.find(10) == nullptr || cycle.find(10)->payload != "goes on"));
+        EXPECT_TRUE(cycle.complete);
+    }
+
+    std::function<bool(const void*)> isJobMutex() const
+    {
+        return [mutex = m_probe->jobMutex()](const void* object) { return object == mutex; };
+    }
+
+    /// The sender waits for a replacement to pass, with a cycle in its hand.
+    std::function<bool(const void*)> isGate() const
+    {
+        return [job = m_probe->jobCondition()](const void* object) { return object != job; };
+    }
+
+    /// A delivery in which each allocation fails in turn, and at last none. Returns how many there are.
+    std::size_t sweepAllocations(const Frame& frame, bool constantBuffer = false)
+    {
+        std::vector<AlgoMeasBuffer> array = arrayOf(frame);
+        const auto look = [this] {
+            return std::make_tuple(m_probe->queued(), m_probe->nextCycle(), m_probe->storeEmpty(),
+                                   m_probe->state());
+        };
+        for (std::size_t failAt = 1;; ++failAt) {
+            const auto before = look();
+            bool thrown = false;
+            const AllocationScope scope(failAt);
+            try {
+                m_queue->addBuffers(array.data(), static_cast<std::uint32_t>(array.size()), constantBuffer);
+            } catch (const std::bad_alloc&) {
+                thrown = true;
+            }
+            const bool failed = scope.failed();
+            EXPECT_EQ(thrown, failed);
+            if (!failed || failAt == 100) {
+                return failAt - 1;
+            }
+            EXPECT_EQ(look(), before) << "failed allocation " << failAt;
+        }
+    }
+};
+
+// --- Start, stop, join ---
+
+TEST_F(InterleavingTest, StopIsNotLostBetweenTheSendersTestAndItsSleep)
+{
+    for (const bool destroy : {false, true}) {
+        Hold beforeSleep(SLEEP, SENDER);
+        openQueue("1,1,5:10,n");
+        ASSERT_TRUE(beforeSleep.awaitHeld()); // it has seen that it is wanted
+        Hold atMutex(LOCK, HOST, isJobMutex());
+        const Calls signals(SIGNAL, HOST);
+        HostCall stop([&] { destroy ? m_queue.reset() : static_cast<void>(deliver({{10, "no client"}})); });
+        EXPECT_TRUE(waitFor([&] { return atMutex.held() || signals.sinceThen() > 0; }));
+        atMutex.release();
+        beforeSleep.release();
+        EXPECT_TRUE(stop.await()) << "the stop was lost";
+        EXPECT_EQ(g_threads, destroy ? 0 : 1);
+    }
+}
+
+TEST_F(InterleavingTest, SenderThatEndedByItselfIsJoinedBeforeAnybodyGoesOn)
+{
+    const struct
+    {
+        const char* needer;
+        SendFault fault;
+        bool destroy;
+    } cases[] = {{"reset", SendFault::ERROR, false},
+                 {"next start", SendFault::THROW, false},
+                 {"destructor", SendFault::ERROR, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.needer);
+        auto client = openStream("1,1,5:10,n", {{10, "x"}});
+        const Lodestone::QueueProbe probe(*m_queue);
+        Hold lastSteps(LOCK, SENDER, [&probe](const void*) { return !probe.senderRunning(); });
+        g_sendFault = c.fault;
+        deliver({{10, "lost"}});
+        ASSERT_TRUE(lastSteps.awaitHeld());
+
+        const bool empty = probe.storeEmpty();
+        const Calls looks(LOOK, HOST);
+        const Calls creates(CREATE, HOST);
+        HostCall needer([&] { c.destroy ? m_queue.reset() : static_cast<void>(deliver({{10, "x"}})); });
+        EXPECT_TRUE(waitFor([&] { return looks.sinceThen() > 0 || needer.done(); }));
+        ASSERT_FALSE(needer.done()) << "went on beside the old sender";
+        EXPECT_EQ(creates.sinceThen(), 0);
+        EXPECT_EQ(probe.storeEmpty(), empty);
+        lastSteps.release();
+        EXPECT_TRUE(needer.await());
+        EXPECT_EQ(g_threads, c.destroy ? 0 : 1 + creates.sinceThen());
+    }
+}
+
+TEST_F(InterleavingTest, ConstructorThatFailsLeavesNoThread)
+{
+    const std::string texts[] = {"Unable to create sender thread",
+                                 "Unable to create server thread (pthread_create)"};
+    for (const int failing : {1, 2}) {
+        g_createFault = failing;
+        try {
+            openQueue("1,1,5:10,n");
+            ADD_FAILURE() << "built without thread " << failing;
+        } catch (const std::runtime_error& e) {
+            EXPECT_EQ(e.what(), texts[failing - 1]);
+        }
+        EXPECT_EQ(g_threads, 0);
+    }
+}
+
+TEST_F(InterleavingTest, SenderThatCannotStartFailsThatFrameOnly)
+{
+    const int port = freePort();
+    ASSERT_EQ(Lodestone::Lodestone_Init(1, "0," + std::to_string(port) + ",1,1,5:10,n"), 0);
+    const Frame frame = {{10, "x"}};
+    std::vector<AlgoMeasBuffer> array = arrayOf(frame);
+    const auto apply = [&array] { return Lodestone::Lodestone_Apply(array.data(), 1, 0); };
+    EXPECT_EQ(apply(), 0); // no client: the first sender is stopped
+    g_createFault = 1;
+    StreamClient client(port);
+    EXPECT_TRUE(waitFor([&] { return apply() == 1; }));
+    EXPECT_EQ(Lodestone::GetLastErrorString(), "Unable to create sender thread");
+    EXPECT_TRUE(waitFor([&] {
+        EXPECT_EQ(apply(), 0);
+        return client.somethingWaits();
+    }));
+    EXPECT_EQ(client.readCycle().channels(), std::vector<std::int32_t>{10});
+    EXPECT_EQ(Lodestone::Lodestone_Init(0, ""), 0);
+}
+
+TEST_F(InterleavingTest, ThreadsHaveNamesAndTheHostKeepsItsSignals)
+{
+    sigset_t before;
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    openQueue("1,1,5:10,n");
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int signal = 1; signal < SIGRTMAX; ++signal) {
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+    }
+    EXPECT_TRUE(waitFor([] {
+        const std::set<std::string> names = threadNames();
+        return names.count("lodestone-send") == 1 && names.count("lodestone-srv") == 1;
+    }));
+}
+
+// --- Cycles: who owns them, who may change them ---
+
+TEST_F(InterleavingTest, OnceCycleIsWholeAndAloneBesideLeftovers)
+{
+    const Frame frame = {{1, "once"}, {10, "whole"}, {20, "abcdef"}};
+    auto client = openStream("3,1,5:1,o:10,n:20,s", frame);
+    EXPECT_TRUE(client->readCycle().isOnce());
+    g_sendFault = SendFault::THROW;
+    deliver(frame); // its first cycle is lost with the sender, two cycles of parts are left
+    ASSERT_TRUE(waitFor([&] { return !m_probe->senderRunning(); }));
+
+    Hold stale(SEND, SENDER);
+    deliver(
+        {{10,
+          "not yet"}}); // a new transfer; the once data aren't there yet, so the sender has taken a leftover
+    ASSERT_TRUE(stale.awaitHeld());
+    EXPECT_EQ(m_probe->state(), INITIATE);
+    deliver(frame);
+    deliver(frame);
+    EXPECT_EQ(m_probe->state(), ONCE_DATA);
+    EXPECT_EQ(m_probe->queued(), 2U);
+    stale.release();
+
+    for (const int part : {1, 2}) {
+        const WireCycle leftover = client->readCycle();
+        EXPECT_EQ(leftover.channels(), std::vector<std::int32_t>{20});
+        EXPECT_EQ(leftover.find(20)->partNumber, part);
+    }
+    const WireCycle once = client->readCycle();
+    EXPECT_TRUE(once.isOnce());
+    EXPECT_EQ(once.entries.size(), 1U);
+    expectStreamGoesOn(*client, frame);
+
+    m_queue.reset();
+    EXPECT_EQ(g_senderAllocations, 0U); // for any kind of cycle
+}
+
+TEST_F(InterleavingTest, CycleUnderTransmissionTakesNoMoreBuffers)
+{
+    for (const std::string length : {"-3", "3"}) {
+        auto client = openStream("2,1," + length + ":10,n:20,s", {{10, "x"}});
+        Hold sending(SEND, SENDER);
+        deliver({{20, "ab"}}); // two cycles of parts only
+        ASSERT_TRUE(sending.awaitHeld());
+        deliver({{10, "whole"}});
+        EXPECT_EQ(m_probe->queued(), length == "3" ? 1U : 2U);
+        sending.release();
+        EXPECT_EQ(client->readCycle().channels(), std::vector<std::int32_t>{20});
+        EXPECT_EQ(client->readCycle().channels(), (std::vector<std::int32_t>{10, 20}));
+        awaitStoreEmpty();
+    }
+}
+
+TEST_F(InterleavingTest, CycleInHandWhenTheClientIsReplaced)
+{
+    const struct
+    {
+        const char* what;
+        const char* length;
+        bool oldCloses;
+        const char* arrives;
+    } cases[] = {{"it had left the queue", "5", false, "next"},
+                 {"it was left in the queue", "-5", false, "in hand"},
+                 {"its client was gone", "5", true, "once"},
+                 {"its client was gone, and it was left in the queue", "-5", true, "once"}};
+    const Frame first = {{1, "once"}, {10, "first"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto old = openStream(std::string("1,1,") + c.length + ":1,o:10,n", first);
+        if (c.oldCloses) {
+            old->close();
+            ASSERT_TRUE(waitFor(clientSeenGone));
+        }
+        Hold accepting(ACCEPT, SERVER);
+        StreamClient young(m_port);
+        ASSERT_TRUE(accepting.awaitHeld());
+        Hold atGate(SLEEP, SENDER, isGate());
+        deliver({{10, "in hand"}});
+        ASSERT_TRUE(atGate.awaitHeld());
+        atGate.release();
+        accepting.release();
+        EXPECT_TRUE(waitFor([&] { return c.oldCloses ? !m_probe->senderRunning() : m_probe->storeEmpty(); }));
+
+        deliver({{1, "once"}, {10, "next"}});
+        const WireCycle cycle = young.readCycle();
+        ASSERT_TRUE(cycle.complete);
+        EXPECT_EQ(cycle.entries[0].payload, c.arrives);
+        EXPECT_EQ(cycle.isOnce(), c.oldCloses);
+        expectStreamGoesOn(young, first);
+    }
+}
+
+TEST_F(InterleavingTest, OnceCycleInHandGoesToTheClientThatTakesOver)
+{
+    openQueue("1,1,5:1,o:10,n");
+    auto old = connectClient();
+    Hold accepting(ACCEPT, SERVER);
+    StreamClient young(m_port);
+    ASSERT_TRUE(accepting.awaitHeld());
+    Hold atGate(SLEEP, SENDER, isGate());
+    // The sender is as quick as it can be: the host has only just let go of the queue when the cycle is
+    // taken.
+    const Calls signals(SIGNAL, HOST);
+    const auto wasQueued = [&, isIt = isJobMutex()](const void* mutex) {
+        return isIt(mutex) && signals.sinceThen() > 0;
+    };
+    Hold queued(UNLOCK, HOST, wasQueued);
+    HostCall frame([&] { deliver({{1, "once"}}); });
+    ASSERT_TRUE(queued.awaitHeld());
+    ASSERT_TRUE(atGate.awaitHeld());
+    atGate.release();
+    accepting.release();
+    EXPECT_TRUE(waitFor([&] { return young.somethingWaits() || m_probe->storeEmpty(); }));
+    queued.release();
+    EXPECT_TRUE(young.readCycle().isOnce());
+    EXPECT_TRUE(frame.await());
+    expectStreamGoesOn(young, {{1, "once"}});
+}
+
+TEST_F(InterleavingTest, CycleInHandWithoutSocketOrSender)
+{
+    for (const bool destroy : {false, true}) {
+        auto client = openStream("1,1,5:10,n", {{10, "x"}});
+        Hold taken(UNLOCK, SENDER, isJobMutex());
+        deliver({{10, "in hand"}});
+        ASSERT_TRUE(taken.awaitHeld());
+        const Calls sends(SEND, SENDER);
+        const Calls looks(LOOK, HOST);
+        if (destroy) {
+            HostCall end([&] { m_queue.reset(); });
+            EXPECT_TRUE(looks.await(1));
+            taken.release();
+            EXPECT_TRUE(end.await());
+        } else {
+            g_serverAllocationFault = true; // the end of the server, and of the connection
+            StreamClient young(m_port);
+            EXPECT_TRUE(waitFor([&] { return !m_probe->serverRunning() && !m_probe->connected(); }));
+            taken.release();
+            awaitStoreEmpty();
+            EXPECT_EQ(deliver({{10, "x"}}), nullptr);
+        }
+        EXPECT_EQ(sends.sinceThen(), 0);
+        EXPECT_TRUE(client->waitForEnd());
+    }
+}
+
+TEST_F(InterleavingTest, InternalFailureGivesTheSameClientAFreshTransfer)
+{
+    const Frame frame = {{1, "once"}, {10, "x"}};
+    for (const std::string length : {"5", "-5"}) {
+        for (const bool inOnceCycle : {false, true}) {
+            SCOPED_TRACE(length + (inOnceCycle ? " ONCE" : " NORMAL"));
+            openQueue("1,1," + length + ":1,o:10,n");
+            auto client = connectClient();
+            if (!inOnceCycle) {
+                reachNormalData(frame);
+                EXPECT_TRUE(client->readCycle().isOnce());
+            }
+            ::testing::internal::CaptureStdout();
+            g_sendFault = SendFault::THROW;
+            deliver(frame);
+            EXPECT_TRUE(waitFor([&] { return !m_probe->senderRunning(); }));
+            EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+                      "Lodestone sender thread exception: std::bad_alloc\n");
+            EXPECT_TRUE(m_probe->connected());
+            // What had left the queue is lost; the rest waits for the next sender.
+            EXPECT_EQ(m_probe->storeEmpty(), length == "5" && !inOnceCycle);
+            WireCycle cycle = nextCycle(*client, frame);
+            while (cycle.complete && !cycle.isOnce()) {
+                cycle = client->readCycle();
+            }
+            EXPECT_TRUE(cycle.complete);
+            expectStreamGoesOn(*client, frame);
+        }
+    }
+}
+
+TEST_F(InterleavingTest, FailedAllocationLeavesTheQueueAsItWas)
+{
+    openQueue("3,1,20:1,o:2,o:10,n:20,s:30,i");
+    auto client = connectClient();
+    EXPECT_GT(sweepAllocations({{1, "first"}, {10, "x"}}), 0U);
+    EXPECT_EQ(m_probe->state(), INITIATE);
+    Hold sending(SEND, SENDER);
+    EXPECT_GT(sweepAllocations({{1, "newer"}, {2, "second"}, {20, "x"}}), 0U);
+    ASSERT_TRUE(sending.awaitHeld());
+    EXPECT_EQ(m_probe->state(), ONCE_DATA);
+    EXPECT_EQ(sweepAllocations({{1, "a"}, {10, "b"}, {20, "c"}, {30, "d"}}), 0U);
+    sending.release();
+    const WireCycle once = client->readCycle();
+    ASSERT_TRUE(once.isOnce());
+    EXPECT_EQ(once.entries[0].payload + once.entries[1].payload, "newersecond");
+
+    // Into an empty queue, beside a cycle under way, beside parts; each time with more bytes than are kept
+    // for reuse.
+    reachNormalData({{10, "x"}});
+    Hold sendingNormal(SEND, SENDER);
+    EXPECT_GT(sweepAllocations({{10, "x"}}, true), 0U);
+    ASSERT_TRUE(sendingNormal.awaitHeld());
+    std::string bytes(1000, 'n');
+    const std::vector<std::vector<int>> frames = {{20}, {10, 30}, {11, 10, 1, 20}, {10, 10}};
+    for (const std::vector<int>& channels : frames) {
+        bytes.append(bytes.size(), 'n');
+        Frame frame;
+        for (const int channelID : channels) {
+            frame.emplace_back(channelID, bytes);
+        }
+        EXPECT_GT(sweepAllocations(frame), 0U);
+        sweepAllocations({{10, bytes}}, true); // at its limit
+    }
+    sendingNormal.release();
+    for (std::uint32_t counter = once.counter + 1; counter != m_probe->nextCycle(); ++counter) {
+        const WireCycle cycle = client->readCycle();
+        EXPECT_EQ(cycle.counter, counter);
+        EXPECT_FALSE(cycle.channels().empty());
+    }
+    expectStreamGoesOn(*client, {{10, "x"}});
+}
+
+// --- Clients that stall, leave and come back; the network's failures ---
+
+TEST_F(InterleavingTest, WaitForRoomEndsWithTheSenderOrTheClient)
+{
+    for (const SendFault fault : {SendFault::THROW, SendFault::ERROR}) {
+        auto client = openStream("1,1,-1:10,n", {{10, "x"}});
+        Hold sending(SEND, SENDER);
+        deliver({{10, "under way"}});
+        ASSERT_TRUE(sending.awaitHeld());
+        const Calls rests(REST, HOST);
+        HostCall frame([&] { deliver({{10, "waits"}}); });
+        EXPECT_TRUE(rests.await(3));
+        EXPECT_FALSE(frame.done());
+        g_sendFault = fault;
+        sending.release();
+        EXPECT_TRUE(frame.await());
+        EXPECT_EQ(m_probe->package(0).waitedForQueue, 1);
+        EXPECT_EQ(m_probe->connected(), fault == SendFault::THROW);
+        if (fault == SendFault::THROW) {
+            EXPECT_TRUE(m_probe->senderRunning());
+            expectStreamGoesOn(*client, {{10, "x"}});
+        }
+    }
+}
+
+TEST_F(InterleavingTest, StalledClientIsCutOffForWhoeverWaits)
+{
+    const Frame frame = {{1, "once"}, {10, "x"}};
+    for (const bool destroy : {false, true}) {
+        auto stalled = openStream("1,1,2:1,o:10,n", frame, NARROW);
+        stall({{10, BIG}});
+        stopClock(true); // the gate's two seconds are over when it has looked often enough
+        std::unique_ptr<StreamClient> young;
+        if (destroy) {
+            m_queue.reset();
+        } else {
+            young = connectClient();
+        }
+        EXPECT_TRUE(stalled->waitForEnd());
+        stopClock(false);
+        if (young) {
+            EXPECT_TRUE(nextCycle(*young, frame).isOnce());
+            expectStreamGoesOn(*young, frame);
+        }
+    }
+}
+
+TEST_F(InterleavingTest, SlowClientIsServedToTheEndOfItsCycle)
+{
+    const std::size_t piece = 50000;
+    std::string config = "1,1,2";
+    Frame frame;
+    for (int channelID = 10; channelID < 20; ++channelID) {
+        config += ":" + std::to_string(channelID) + ",n";
+        frame.emplace_back(channelID, std::string(piece, 's'));
+    }
+    const std::size_t cycleSize = 12 + frame.size() * (20 + piece) + 2 * 20 + 208 + 256;
+    const int sendsPerCycle = 1 + 2 * static_cast<int>(frame.size()) + 4;
+
+    for (const bool destroy : {false, true}) {
+        auto slow = openStream(config, {{10, "x"}}, NARROW);
+        const Calls sends(SEND, SENDER);
+        stall(frame);
+        stopClock(true);
+        g_looksLeft = 0;
+        std::unique_ptr<StreamClient> young;
+        HostCall waiter([&] { destroy ? m_queue.reset() : static_cast<void>(young = connectClient()); });
+
+        std::string bytes;
+        int looks = 0;
+        while (sends.sinceThen() < sendsPerCycle) {
+            // Less than the stall limit each time, many times the limit in all.
+            g_looksLeft = LOOKS_TO_STALL - 10;
+            ASSERT_TRUE(waitFor([] { return g_looksLeft == 0; }));
+            looks += LOOKS_TO_STALL - 10;
+            const Calls step(SEND, SENDER);
+            ASSERT_TRUE(waitFor([&] {
+                bytes += slow->readBytes(std::min<std::size_t>(1000, cycleSize - bytes.size()));
+                return step.sinceThen() > 0;
+            }));
+        }
+        EXPECT_GT(looks, 5 * LOOKS_TO_STALL);
+        bytes += slow->readBytes(cycleSize - bytes.size());
+        EXPECT_EQ(bytes.size(), cycleSize);
+        EXPECT_TRUE(waiter.await());
+        EXPECT_TRUE(slow->waitForEnd());
+        stopClock(false);
+        if (young) {
+            expectStreamGoesOn(*young, {{10, "x"}});
+        }
+    }
+}
+
+TEST_F(InterleavingTest, OnlyAClientWhoseOwnEndIsOpenIsTakenOverFrom)
+{
+    const Frame frame = {{1, "once"}, {10, "x"}};
+    const struct
+    {
+        const char* what;
+        void (*leave)(StreamClient&);
+    } cases[] = {{"closed", [](StreamClient& client) { client.close(); }},
+                 {"reset", [](StreamClient& client) { client.vanish(); }},
+                 {"half closed", [](StreamClient& client) { ::shutdown(client.descriptor(), SHUT_WR); }},
+                 {"open", nullptr}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto old = openStream("1,1,5:1,o:10,n", frame);
+        EXPECT_TRUE(old->readCycle().isOnce());
+        if (c.leave != nullptr) {
+            c.leave(*old);
+            ASSERT_TRUE(waitFor(clientSeenGone));
+        }
+        auto young = connectClient();
+        EXPECT_EQ(nextCycle(*young, frame).isOnce(), c.leave != nullptr);
+        expectStreamGoesOn(*young, frame);
+    }
+}
+
+TEST_F(InterleavingTest, EveryClientOfOnceChannelsGetsThem)
+{
+    const Frame frame = {{1, "once"}};
+    auto client = openStream("1,1,5:1,o", frame);
+    EXPECT_TRUE(client->readCycle().isOnce());
+    EXPECT_EQ(deliver(frame), nullptr);
+
+    client->close(); // comes back before the next frame
+    ASSERT_TRUE(waitFor(clientSeenGone));
+    client = connectClient();
+    g_sendFault = SendFault::ERROR; // lost while it gets them, and back after some frames
+    EXPECT_TRUE(waitFor([&] {
+        deliver(frame);
+        return !m_probe->connected();
+    }));
+    deliver(frame);
+    client = connectClient();
+    g_sendFault = SendFault::THROW; // the sender ends, the client stays
+    EXPECT_TRUE(nextCycle(*client, frame).isOnce());
+}
+
+TEST_F(InterleavingTest, AcceptThatFailsLeavesTheClientOrRests)
+{
+    const Frame frame = {{1, "once"}, {10, "x"}};
+    const struct
+    {
+        int error;
+        int faults;
+        int rests;
+        bool oldStays;
+        bool restart;
+    } cases[] = {{ECONNABORTED, 3, 0, true, false},
+                 {EPROTO, 1, 0, true, false},
+                 {EMFILE, 1, 0, false, false}, // the old client's descriptor was the one that was missing
+                 {ENOBUFS, 6, 3, false, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.error);
+        auto old = openStream("1,1,5:1,o:10,n", frame);
+        EXPECT_TRUE(old->readCycle().isOnce());
+        const std::int64_t id = m_probe->connectedID();
+        const Calls rests(REST, SERVER);
+        g_acceptError = c.error;
+        g_acceptFaults = c.faults;
+        Hold working(ACCEPT, SERVER, [](const void*) { return g_acceptFaults == 0; });
+        StreamClient young(m_port);
+        ASSERT_TRUE(working.awaitHeld());
+        EXPECT_EQ(rests.sinceThen(), c.rests);
+        EXPECT_EQ(m_probe->connectedID(), id + c.rests);
+        EXPECT_EQ(old->somethingWaits(), !c.oldStays);
+        working.release();
+        EXPECT_TRUE(waitFor([&] { return m_probe->connectedID() == id + c.rests + 1; }));
+        EXPECT_EQ(nextCycle(young, frame).isOnce(), c.restart);
+        expectStreamGoesOn(young, frame);
+    }
+}
+
+TEST_F(InterleavingTest, ConnectionWithoutDescriptorIsALostOne)
+{
+    openQueue("1,1,5:1,o:10,n");
+    g_acceptError = EMFILE;
+    g_acceptFaults = 1;
+    Hold resting(REST, SERVER);
+    StreamClient client(m_port);
+    ASSERT_TRUE(resting.awaitHeld());
+    EXPECT_TRUE(m_probe->connected());
+    EXPECT_TRUE(waitFor([&] {
+        deliver({{1, "once"}});
+        return !m_probe->connected();
+    }));
+    resting.release();
+    EXPECT_TRUE(nextCycle(client, {{1, "once"}}).isOnce());
+}

@@ -1,0 +1,258 @@
+#include "Lodestone.h"
+
+#include "TCPSocket.h"
+#include "support/AllocationHook.h"
+#include "support/StreamClient.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace Lodestone;
+
+namespace
+{
+
+typedef std::vector<std::pair<int, std::string>> Frame; ///< Channel and bytes.
+
+/// A host with one free port. The constant-buffer store belongs to the process, so each case has channels of
+/// its own.
+class LodestoneTest : public testing::Test
+{
+protected:
+    ~LodestoneTest() override { Lodestone_Init(0, ""); }
+
+    /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
+    std::string config(const std::string& tail) const { return "0," + std::to_string(m_port) + "," + tail; }
+
+    static std::vector<AlgoMeasBuffer> arrayOf(const Frame& frame)
+    {
+        std::vector<AlgoMeasBuffer> array;
+        for (const auto& item : frame) {
+            AlgoMeasBuffer buffer = {};
+            buffer.buffer = item.second.data();
+            buffer.sizeTotal = static_cast<alif_uint32_t>(item.second.size());
+            buffer.channelID = item.first;
+            array.push_back(buffer);
+        }
+        return array;
+    }
+
+    static int deliver(const Frame& frame, int constantBuffers = 0)
+    {
+        std::vector<AlgoMeasBuffer> array = arrayOf(frame);
+        return Lodestone_Apply(array.data(), static_cast<alif_uint32_t>(array.size()), constantBuffers);
+    }
+
+    /// Delivers `frame` until it brings the client something, and reads one cycle.
+    static WireCycle nextCycle(StreamClient& client, const Frame& frame)
+    {
+        EXPECT_TRUE(waitFor([&] { return client.somethingWaits() || deliver(frame) != 0; }));
+        return client.readCycle();
+    }
+
+    /// What the store holds for the once channels, from the ONCE cycle of a new client.
+    std::map<int, std::string> storedBuffers()
+    {
+        m_client.reset(); // a client that takes over from another one gets no once data
+        m_client = std::make_unique<StreamClient>(m_port);
+        const WireCycle cycle = nextCycle(*m_client, {});
+        EXPECT_TRUE(cycle.complete && cycle.isOnce());
+        std::map<int, std::string> result;
+        for (const WireEntry& entry : cycle.entries) {
+            EXPECT_EQ(entry.payload.size(), static_cast<std::size_t>(entry.totalSize));
+            result[entry.channelID] = entry.payload;
+        }
+        return result;
+    }
+
+    const int m_port = freePort();
+    std::unique_ptr<StreamClient> m_client;
+};
+
+TEST_F(LodestoneTest, MisuseIsRefusedInWordsThatALaterSuccessKeeps)
+{
+    const struct
+    {
+        int (*call)();
+        const char* text;
+    } cases[] = {
+        {[] { return Lodestone_QueryVersion(nullptr); }, "Version struct was a NULL pointer."},
+        {[] { return Lodestone_Apply(nullptr, 1, 0); }, "Measurement buffer array was a NULL pointer."},
+        {[] { return CLodestone_Lodestone_QueryVersion(nullptr); }, "Version struct was a NULL pointer."},
+        {[] { return CLodestone_Lodestone_Init(1, nullptr); }, "Command string was a NULL pointer."},
+        {[] { return CLodestone_Lodestone_Apply(nullptr, 0xFFFFFFFF, 1); },
+         "Measurement buffer array was a NULL pointer."},
+    };
+    const std::string& text = GetLastErrorString();
+    for (const auto& c : cases) {
+        EXPECT_EQ(1, c.call());
+        EXPECT_EQ(c.text, text) << "the reference stays valid";
+
+        AlgoVersion version = {9, 9, 9};
+        EXPECT_EQ(0, Lodestone_QueryVersion(&version));
+        EXPECT_TRUE(version.major == 0 && version.minor == 2 && version.patch == 4);
+        EXPECT_EQ(0, deliver({{1, "frame"}}));
+        EXPECT_EQ(0, Lodestone_Apply(nullptr, 0, 1));
+        EXPECT_EQ(c.text, text);
+    }
+}
+
+TEST_F(LodestoneTest, ErrorTextIsCopiedWholeOrNotAtAll)
+{
+    EXPECT_EQ(1, Lodestone_Init(1, ""));
+    const std::string text = "Command string with no content";
+    const auto length = static_cast<alif_uint32_t>(text.size());
+    for (const alif_uint32_t size : {1U, length, length + 1, length + 2}) {
+        const bool fits = size > length;
+        std::string buffer(length + 2, '?');
+        EXPECT_EQ(fits ? 0 : 1,
+                  CLodestone_GetLastErrorString(reinterpret_cast<alif_int8_t*>(&buffer[0]), size));
+        const std::string expected = (fits ? text : "") + '\0';
+        EXPECT_EQ(expected + std::string(buffer.size() - expected.size(), '?'), buffer) << size;
+    }
+    alif_int8_t byte = '?';
+    EXPECT_EQ(1, CLodestone_GetLastErrorString(&byte, 0));
+    EXPECT_EQ('?', byte);
+    EXPECT_EQ(1, CLodestone_GetLastErrorString(nullptr, 100));
+    EXPECT_EQ(text, GetLastErrorString());
+}
+
+TEST_F(LodestoneTest, DisablingIgnoresTheStringAndClosesThePort)
+{
+    ASSERT_EQ(0, Lodestone_Init(-1, config("1,1,20:1,n")));
+    StreamClient client(m_port);
+    EXPECT_TRUE(nextCycle(client, {{1, "one"}}).complete);
+    EXPECT_EQ(0, CLodestone_Lodestone_Init(0, nullptr));
+    EXPECT_TRUE(client.waitForEnd());
+    EXPECT_NO_THROW(TCPServerSocket listener(m_port));
+    EXPECT_EQ(0, Lodestone_Init(0, "not a configuration"));
+    EXPECT_EQ(0, deliver({{1, "one"}}));
+}
+
+TEST_F(LodestoneTest, PortInUseIsNoFailureAndFramesAreIgnored)
+{
+    {
+        TCPServerSocket holder(m_port);
+        EXPECT_EQ(0, Lodestone_Init(1, config("1,1,-1:1,n")));
+        EXPECT_EQ(0, deliver({{1, "one"}}));
+        EXPECT_EQ(0, deliver({{1, "one"}}, 1));
+    }
+    EXPECT_EQ(0, Lodestone_Init(1, config("1,1,-1:1,n")));
+    StreamClient client(m_port);
+    EXPECT_TRUE(nextCycle(client, {{1, "one"}}).complete);
+}
+
+TEST_F(LodestoneTest, RefusedStringLeavesTheStreamAloneAndAcceptedOneCutsItOff)
+{
+    ASSERT_EQ(0, Lodestone_Init(1, config("1,1,20:1,n")));
+    StreamClient client(m_port);
+    const WireCycle before = nextCycle(client, {{1, "one"}});
+    EXPECT_EQ(1, Lodestone_Init(1, config("1,1,20:2,n:2,n")));
+    for (std::uint32_t i = 1; i <= 3; ++i) {
+        const WireCycle cycle = nextCycle(client, {{1, "one"}, {2, "two"}});
+        ASSERT_TRUE(cycle.complete);
+        EXPECT_EQ(before.counter + i, cycle.counter) << "the same queue goes on";
+        EXPECT_EQ(std::vector<std::int32_t>({1}), cycle.channels());
+    }
+    EXPECT_EQ(0, Lodestone_Init(1, config("1,1,20:2,n")));
+    EXPECT_TRUE(client.waitForEnd());
+    StreamClient other(m_port);
+    EXPECT_EQ(std::vector<std::int32_t>({2}), nextCycle(other, {{1, "one"}, {2, "two"}}).channels());
+}
+
+TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
+{
+    typedef std::map<int, std::string> Stored;
+    std::string host = "early";
+    EXPECT_EQ(0, deliver({{103, host}, {101, "A"}, {102, "a"}, {102, "b"}, {199, "unwanted"}}, 1));
+    host.assign("later"); // the host's bytes were copied
+    ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o:103,o")));
+    EXPECT_EQ(Stored({{101, "A"}, {102, "b"}, {103, "early"}}), storedBuffers());
+
+    std::vector<AlgoMeasBuffer> array = arrayOf({{103, "eight"}, {102, ""}});
+    array[0].buffer = nullptr; // counts as empty
+    EXPECT_EQ(0, Lodestone_Apply(array.data(), 2, -1));
+    EXPECT_EQ(Stored({{101, "A"}, {102, ""}, {103, ""}}), storedBuffers());
+
+    EXPECT_EQ(0, Lodestone_Init(0, ""));
+    EXPECT_EQ(0, deliver({{102, std::string(70000, 'c')}}, 1));
+    EXPECT_EQ(0, deliver({{101, "not stored"}}));
+    ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o")));
+    EXPECT_EQ(Stored({{101, "A"}, {102, std::string(70000, 'c')}}), storedBuffers());
+}
+
+TEST_F(LodestoneTest, EachFailedAllocationInInitIsReportedAndLeaksNothing)
+{
+    // Pieces that don't fit into a string's own bytes: the reading allocates in the middle of the string.
+    const std::string text = config("1,1,20:1,n:0000000000000000002,n");
+    const std::string refused = config("00000000001,000000,20:1,n");
+    ASSERT_EQ(0, Lodestone_Init(1, text));
+    EXPECT_EQ(1, Lodestone_Init(1, refused));
+    const std::string refusal = "Value of intermittent count exceeds boundary (1)";
+    EXPECT_EQ(refusal, GetLastErrorString());
+    const std::size_t blocks = AllocationScope::liveBlocks();
+
+    for (const std::string& string : {refused, text}) {
+        bool failed = true;
+        for (std::size_t n = 1; failed; ++n) {
+            ASSERT_LT(n, 200U);
+            Lodestone_QueryVersion(nullptr); // another text in between
+            int result = 0;
+            {
+                const AllocationScope scope(n);
+                result = Lodestone_Init(1, string);
+                failed = scope.failed();
+            }
+            const std::string& reason = GetLastErrorString();
+            EXPECT_EQ(failed || string == refused ? 1 : 0, result) << n;
+            EXPECT_EQ(failed, reason == "std::bad_alloc" || reason == "Out of memory") << n << ": " << reason;
+        }
+        EXPECT_EQ(string == refused, GetLastErrorString() == refusal);
+    }
+    EXPECT_EQ(blocks, AllocationScope::liveBlocks());
+    StreamClient client(m_port);
+    EXPECT_EQ(2U, nextCycle(client, {{1, "one"}, {2, "two"}}).channels().size());
+}
+
+TEST_F(LodestoneTest, EachFailedAllocationInApplyLeavesTheStoreOldOrNewAsAWhole)
+{
+    const auto frame = [](std::size_t n) {
+        const auto letter = static_cast<char>('a' + n % 26);
+        return Frame{
+            {201, std::string(40 + n, letter)}, {202, std::string(4000 + n, letter)}, {203, "normal"}};
+    };
+    const auto stored = [](const Frame& f) { return std::map<int, std::string>(f.begin(), f.begin() + 2); };
+    ASSERT_EQ(0, Lodestone_Init(1, config("1,1,20:201,o:202,o:203,n")));
+    ASSERT_EQ(0, deliver(frame(0), 1));
+    std::map<int, std::string> held = storedBuffers();
+    EXPECT_EQ(stored(frame(0)), held);
+
+    bool failed = true;
+    std::size_t noKept = 0;
+    for (std::size_t n = 1; failed; ++n) {
+        ASSERT_LT(n, 200U);
+        const Frame next = frame(n);
+        std::vector<AlgoMeasBuffer> array = arrayOf(next);
+        Lodestone_QueryVersion(nullptr); // another text in between
+        int result = 0;
+        {
+            const AllocationScope scope(n);
+            result = Lodestone_Apply(array.data(), 3, 1);
+            failed = scope.failed();
+        }
+        EXPECT_EQ(failed ? 1 : 0, result) << n;
+        EXPECT_EQ(failed, GetLastErrorString() == "std::bad_alloc") << n;
+        const std::map<int, std::string> now = storedBuffers();
+        EXPECT_TRUE(now == stored(next) || (failed && now == held)) << n;
+        noKept += now == held ? 1 : 0;
+        held = now;
+    }
+    EXPECT_GE(noKept, 7U) << "three entries, three payloads and the array come before the commit";
+}
+
+} // namespace

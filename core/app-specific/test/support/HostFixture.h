@@ -1,0 +1,63 @@
+#ifndef LODESTONE_TEST_HOSTFIXTURE_H
+#define LODESTONE_TEST_HOSTFIXTURE_H
+
+#include "Lodestone.h"
+#include "SendHooks.h"
+#include "StreamClient.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+/// A host that uses the public functions alone, on a free port. The constant-buffer store belongs to the
+/// process, so each case with constant buffers has channels of its own.
+class HostFixture : public ::testing::Test
+{
+protected:
+    typedef std::vector<std::pair<int, std::string>> Frame; ///< Channel and bytes.
+
+    void TearDown() override
+    {
+        SendHooks::clear();
+        Lodestone::Lodestone_Init(0, "");
+    }
+
+    /// `config` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
+    void start(const std::string& config)
+    {
+        ASSERT_EQ(0, Lodestone::Lodestone_Init(1, "0," + std::to_string(m_port) + "," + config));
+    }
+
+    /// One call of the host, which must succeed.
+    static void deliver(const Frame& frame, bool constantBuffers = false)
+    {
+        std::vector<AlgoMeasBuffer> array;
+        for (const auto& item : frame) {
+            AlgoMeasBuffer buffer = {};
+            buffer.buffer = item.second.data();
+            buffer.sizeTotal = static_cast<alif_uint32_t>(item.second.size());
+            buffer.channelID = item.first;
+            array.push_back(buffer);
+        }
+        const auto size = static_cast<alif_uint32_t>(array.size());
+        EXPECT_EQ(0, Lodestone::Lodestone_Apply(array.data(), size, constantBuffers ? 1 : 0));
+    }
+
+    /// Delivers `frame` until something can be read, and reads one cycle.
+    static WireCycle deliverAndRead(StreamClient& client, const Frame& frame)
+    {
+        EXPECT_TRUE(waitFor([&] {
+            if (!client.somethingWaits()) {
+                deliver(frame);
+            }
+            return client.somethingWaits();
+        }));
+        return client.readCycle();
+    }
+
+    const int m_port = freePort();
+};
+
+#endif

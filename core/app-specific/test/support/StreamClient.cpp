@@ -1,0 +1,262 @@
+#include "StreamClient.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <poll.h>
+#include <random>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+const auto PATIENCE = std::chrono::seconds(30);
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+}
+
+std::uint64_t littleEndian(const std::string& bytes, std::size_t offset, std::size_t size)
+{
+    std::uint64_t value = 0;
+    for (std::size_t k = 0; k < size && offset + k < bytes.size(); ++k) {
+        value |= static_cast<std::uint64_t>(static_cast<std::uint8_t>(bytes[offset + k])) << (8 * k);
+    }
+    return value;
+}
+
+std::int32_t number(const std::string& bytes, std::size_t offset)
+{
+    return static_cast<std::int32_t>(littleEndian(bytes, offset, 4));
+}
+
+} // namespace
+
+std::chrono::steady_clock::time_point testDeadline()
+{
+    return std::chrono::steady_clock::now() + PATIENCE;
+}
+
+bool waitFor(const std::function<bool()>& condition)
+{
+    const auto deadline = testDeadline();
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+unsigned testSeed()
+{
+    const char* const given = std::getenv("LODESTONE_TEST_SEED");
+    const unsigned seed =
+        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
+    std::printf("LODESTONE_TEST_SEED=%u\n", seed);
+    return seed;
+}
+
+int freePort()
+{
+    const int sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int enabled = 1;
+    ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof enabled);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    ::bind(sock, reinterpret_cast<const sockaddr*>(&address), length);
+    ::getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length);
+    // Left open, without listening: so the kernel gives the port to nobody else, and a listener can still
+    // bind it.
+    return ntohs(address.sin_port);
+}
+
+const WireEntry* WireCycle::find(std::int32_t channelID) const
+{
+    for (const WireEntry& entry : entries) {
+        if (entry.channelID == channelID) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+std::vector<std::int32_t> WireCycle::channels() const
+{
+    std::vector<std::int32_t> result;
+    for (const WireEntry& entry : entries) {
+        if (entry.channelID != 10998 && entry.channelID != 10999) {
+            result.push_back(entry.channelID);
+        }
+    }
+    return result;
+}
+
+std::uint64_t WireCycle::diag(std::size_t offset, std::size_t size) const
+{
+    const WireEntry* const entry = find(10998);
+    return entry == nullptr ? 0 : littleEndian(entry->payload, offset, size);
+}
+
+std::string shown(const WireCycle& cycle)
+{
+    if (!cycle.complete) {
+        return cycle.bytes.empty() ? "end" : "broken";
+    }
+    std::string text = std::to_string(cycle.counter) + "/" + std::to_string(cycle.diag(4)) + ":";
+    for (const WireEntry& entry : cycle.entries) {
+        if (entry.channelID == 10998 || entry.channelID == 10999) {
+            continue;
+        }
+        text += " " + std::to_string(entry.channelID);
+        if (entry.numberOfParts != 1 || entry.partNumber != 0) {
+            text += "." + std::to_string(entry.partNumber);
+        }
+        text += "=" + entry.payload;
+    }
+    return text;
+}
+
+StreamClient::StreamClient(int port, int receiveBuffer)
+{
+    const sockaddr_in address = loopback(port);
+    waitFor([&] {
+        m_sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (receiveBuffer > 0) {
+            ::setsockopt(m_sock, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        }
+        if (::connect(m_sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+            return true;
+        }
+        close();
+        return false;
+    });
+}
+
+StreamClient::~StreamClient()
+{
+    close();
+}
+
+WireCycle StreamClient::readCycle()
+{
+    WireCycle cycle;
+    cycle.bytes = readBytes(12);
+    if (cycle.bytes.size() < 12) {
+        return cycle;
+    }
+    cycle.counter = static_cast<std::uint32_t>(number(cycle.bytes, 4));
+    const std::int32_t count = number(cycle.bytes, 8);
+    for (std::int32_t k = 0; k < count; ++k) {
+        const std::string header = readBytes(20);
+        cycle.bytes += header;
+        if (header.size() < 20) {
+            return cycle;
+        }
+        WireEntry entry;
+        entry.channelID = number(header, 0);
+        entry.numberOfParts = number(header, 4);
+        entry.totalSize = number(header, 8);
+        entry.partNumber = number(header, 12);
+        const auto partByteSize = static_cast<std::size_t>(number(header, 16));
+        entry.payload = readBytes(partByteSize);
+        cycle.bytes += entry.payload;
+        if (entry.payload.size() < partByteSize) {
+            return cycle;
+        }
+        cycle.entries.push_back(std::move(entry));
+    }
+    cycle.complete = number(cycle.bytes, 0) == 0 && count > 0;
+    return cycle;
+}
+
+bool StreamClient::skipCycle()
+{
+    static char bytes[1 << 16];
+    if (readInto(bytes, 12) < 12) {
+        return false;
+    }
+    std::int32_t count = 0;
+    std::memcpy(&count, bytes + 8, sizeof count);
+    for (; count > 0; --count) {
+        if (readInto(bytes, 20) < 20) {
+            return false;
+        }
+        std::int32_t size = 0;
+        std::memcpy(&size, bytes + 16, sizeof size);
+        for (auto left = static_cast<std::size_t>(size); left > 0;) {
+            const std::size_t piece = std::min(left, sizeof bytes);
+            if (readInto(bytes, piece) < piece) {
+                return false;
+            }
+            left -= piece;
+        }
+    }
+    return true;
+}
+
+std::string StreamClient::readBytes(std::size_t byteSize)
+{
+    std::string bytes(byteSize, '\0');
+    bytes.resize(readInto(&bytes[0], byteSize));
+    return bytes;
+}
+
+std::size_t StreamClient::readInto(char* bytes, std::size_t byteSize)
+{
+    const auto deadline = testDeadline();
+    std::size_t total = 0;
+    while (m_sock >= 0 && total < byteSize && std::chrono::steady_clock::now() < deadline) {
+        pollfd entry = {m_sock, POLLIN, 0};
+        if (::poll(&entry, 1, 100) <= 0) {
+            continue;
+        }
+        const ssize_t count = ::recv(m_sock, bytes + total, byteSize - total, 0);
+        if (count <= 0) {
+            break;
+        }
+        total += static_cast<std::size_t>(count);
+    }
+    return total;
+}
+
+bool StreamClient::waitForEnd()
+{
+    return waitFor([this] {
+        char bytes[65536];
+        pollfd entry = {m_sock, POLLIN, 0};
+        return ::poll(&entry, 1, 100) > 0 && ::recv(m_sock, bytes, sizeof bytes, 0) <= 0;
+    });
+}
+
+bool StreamClient::somethingWaits() const
+{
+    pollfd entry = {m_sock, POLLIN, 0};
+    return ::poll(&entry, 1, 0) > 0;
+}
+
+void StreamClient::close()
+{
+    if (m_sock >= 0) {
+        ::close(m_sock);
+        m_sock = -1;
+    }
+}
+
+void StreamClient::vanish()
+{
+    const linger now = {1, 0};
+    ::setsockopt(m_sock, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    close();
+}
