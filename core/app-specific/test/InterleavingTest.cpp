@@ -191,11 +191,17 @@ TEST_F(InterleavingTest, StopIsNotLostBetweenTheSendersTestAndItsSleep)
         openQueue("1,1,5:10,n");
         ASSERT_TRUE(beforeSleep.awaitHeld()); // it has seen that it is wanted
         Hold atMutex(LOCK, HOST, isJobMutex());
+        Hold behindMutex(UNLOCK, HOST, isJobMutex());
         const Calls signals(SIGNAL, HOST);
+        const Calls sleeps(SLEEP, SENDER);
         HostCall stop([&] { destroy ? m_queue.reset() : static_cast<void>(deliver({{10, "no client"}})); });
         EXPECT_TRUE(waitFor([&] { return atMutex.held() || signals.sinceThen() > 0; }));
         atMutex.release();
         beforeSleep.release();
+        EXPECT_TRUE(behindMutex.awaitHeld());
+        EXPECT_TRUE(
+            waitFor([&] { return g_threads == 1 || sleeps.sinceThen() > 0; })); // awake, or asleep again
+        behindMutex.release();
         EXPECT_TRUE(stop.await()) << "the stop was lost";
         EXPECT_EQ(g_threads, destroy ? 0 : 1);
     }
@@ -461,6 +467,21 @@ TEST_F(InterleavingTest, InternalFailureGivesTheSameClientAFreshTransfer)
             expectStreamGoesOn(*client, frame);
         }
     }
+}
+
+TEST_F(InterleavingTest, FailureInTheMiddleOfACycleLosesTheClient)
+{
+    auto client = openStream("1,1,5:10,n", {{10, "x"}});
+    const Calls sends(SEND, SENDER);
+    Hold second(SEND, SENDER, [&sends](const void*) { return sends.sinceThen() == 2; });
+    deliver({{10, "cut"}});
+    ASSERT_TRUE(second.awaitHeld());
+    g_sendFault = SendFault::THROW;
+    second.release();
+    EXPECT_TRUE(client->waitForEnd());
+    awaitStoreEmpty();
+    client = connectClient();
+    expectStreamGoesOn(*client, {{10, "x"}});
 }
 
 TEST_F(InterleavingTest, FailedAllocationLeavesTheQueueAsItWas)
