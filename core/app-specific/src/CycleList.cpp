@@ -14,6 +14,8 @@ void Delivery::clear() noexcept
     cycleType = NORMAL;
     noCycles = 1;
     hasWhole = false;
+    wholeBytes = 0;
+    partsBytes = 0;
 }
 
 std::uint64_t CycleList::append(DeliveryList& one) noexcept

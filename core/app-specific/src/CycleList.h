@@ -69,6 +69,8 @@ struct Delivery
     std::uint64_t firstCycle = 0;      ///< Set when the delivery is queued.
     std::uint64_t firstFreshCycle = 0; ///< The first cycle that this delivery was the first to use.
     bool hasWhole = false;             ///< Some buffer has one part.
+    std::uint64_t wholeBytes = 0;      ///< Memory that `whole` has to hold ...
+    std::uint64_t partsBytes = 0;      ///< ... and `parts`.
 
     /// As a new one, but for the memory that `buffers` keeps.
     void clear() noexcept;

@@ -379,6 +379,7 @@ void SondeBufferQueue::addToBufferList(Delivery& delivery, const AlgoMeasBuffer&
     buffer.noParts = noParts;
     delivery.noCycles = std::max(delivery.noCycles, noParts);
     delivery.hasWhole = delivery.hasWhole || noParts == 1;
+    (noParts == 1 ? delivery.wholeBytes : delivery.partsBytes) += alignedSize(buffer.byteSize);
     // A cycle holds a channel once, however often the channel stands in the array.
     if (channel.lastDelivery != m_deliveryCounter) {
         channel.lastDelivery = m_deliveryCounter;
@@ -393,13 +394,8 @@ void SondeBufferQueue::addToBufferList(Delivery& delivery, const AlgoMeasBuffer&
 
 void SondeBufferQueue::copyPayloads(Delivery& delivery)
 {
-    std::uint64_t wholeSize = 0;
-    std::uint64_t partsSize = 0;
-    for (const StoredBuffer& buffer : delivery.buffers) {
-        (buffer.noParts == 1 ? wholeSize : partsSize) += alignedSize(buffer.byteSize);
-    }
-    delivery.whole = m_store.takeBlock(wholeSize);
-    delivery.parts = m_store.takeBlock(partsSize);
+    delivery.whole = m_store.takeBlock(delivery.wholeBytes);
+    delivery.parts = m_store.takeBlock(delivery.partsBytes);
     m_store.noteBuffers(delivery.buffers.size());
 
     // Nothing fails from here on, so what is counted stays counted.

@@ -122,7 +122,11 @@ protected:
             m_inHand = m_probe->take();
             return;
         }
-        m_probe->done(m_inHand);
+        if (!m_inHand.leftInQueue && dice(4) == 0) {
+            m_probe->drop(m_inHand); // the same, but the cycle is lost
+        } else {
+            m_probe->done(m_inHand);
+        }
         m_model->done();
     }
 
