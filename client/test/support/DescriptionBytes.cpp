@@ -43,8 +43,8 @@ DescriptionBytes& DescriptionBytes::item(std::uint8_t tag, std::uint32_t operand
     return big(operand);
 }
 
-DescriptionBytes& DescriptionBytes::node(const std::string& name, const std::vector<std::uint32_t>& extents,
-                                         std::uint32_t offset, std::uint32_t size, std::uint32_t type)
+DescriptionBytes& DescriptionBytes::begin(const std::string& name, const std::vector<std::uint32_t>& extents,
+                                          std::uint32_t offset, std::uint32_t size)
 {
     item(0x64, static_cast<std::uint32_t>(name.size()));
     m_bytes.insert(m_bytes.end(), name.begin(), name.end());
@@ -52,14 +52,7 @@ DescriptionBytes& DescriptionBytes::node(const std::string& name, const std::vec
     for (const std::uint32_t extent : extents) {
         big(extent);
     }
-    return item(0x66, offset).item(0x67, size).item(0x96, type);
-}
-
-DescriptionBytes& DescriptionBytes::root(const std::string& name, std::uint32_t size)
-{
-    item(0x64, static_cast<std::uint32_t>(name.size()));
-    m_bytes.insert(m_bytes.end(), name.begin(), name.end());
-    return item(0x65, 0).item(0x66, 0).item(0x67, size).item(0x68, 200).item(0x96, STRUCTURE);
+    return item(0x66, offset).item(0x67, size);
 }
 
 Bytes DescriptionBytes::deflated(const Bytes& inflated, std::size_t announced)

@@ -15,8 +15,14 @@ class DescriptionBytes
 public:
     DescriptionBytes& item(std::uint8_t tag, std::uint32_t operand);
     DescriptionBytes& node(const std::string& name, const std::vector<std::uint32_t>& extents,
-                           std::uint32_t offset, std::uint32_t size, std::uint32_t type);
-    DescriptionBytes& root(const std::string& name, std::uint32_t size);
+                           std::uint32_t offset, std::uint32_t size, std::uint32_t type)
+    {
+        return begin(name, extents, offset, size).item(0x96, type);
+    }
+    DescriptionBytes& root(const std::string& name, std::uint32_t size)
+    {
+        return begin(name, {}, 0, size).item(0x68, 200).item(0x96, 0xFE);
+    }
     DescriptionBytes& end() { return item(0x96, 0xFF); }
 
     const Bytes& inflated() const { return m_bytes; }
@@ -28,6 +34,8 @@ public:
     static Bytes deflated(const Bytes& inflated, std::size_t announced);
 
 private:
+    DescriptionBytes& begin(const std::string& name, const std::vector<std::uint32_t>& extents,
+                            std::uint32_t offset, std::uint32_t size);
     DescriptionBytes& big(std::uint32_t value);
 
     Bytes m_bytes;

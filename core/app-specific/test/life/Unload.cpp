@@ -22,7 +22,7 @@ Function find(void* library, const char* name)
     return reinterpret_cast<Function>(symbol);
 }
 
-void liveWith(const char* path)
+void liveWith(const char* path, bool frames)
 {
     void* const library = ::dlopen(path, RTLD_NOW);
     REQUIRE(library != nullptr);
@@ -36,8 +36,10 @@ void liveWith(const char* path)
     buffer.buffer = "abcd";
     buffer.sizeTotal = 4;
     buffer.channelID = 10;
-    REQUIRE(waitFor([&] { return apply(&buffer, 1, 1) == 0 && client.somethingWaits(); }));
-    REQUIRE(client.readCycle().complete);
+    if (frames) {
+        REQUIRE(waitFor([&] { return apply(&buffer, 1, 1) == 0 && client.somethingWaits(); }));
+        REQUIRE(client.readCycle().complete);
+    }
 
     REQUIRE(::dlclose(library) == 0);
     REQUIRE(::dlopen(path, RTLD_NOW | RTLD_NOLOAD) == nullptr);
@@ -52,7 +54,7 @@ int main(int argc, char** argv)
     REQUIRE(argc == 2);
     const Child host([&] {
         for (int round = 0; round < 3; ++round) {
-            liveWith(argv[1]);
+            liveWith(argv[1], round > 0); // at first no thread of the process may have ended
         }
     });
     return host.endsWell() ? 0 : 1;

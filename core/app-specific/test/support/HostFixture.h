@@ -1,6 +1,7 @@
 #ifndef LODESTONE_TEST_HOSTFIXTURE_H
 #define LODESTONE_TEST_HOSTFIXTURE_H
 
+#include "HostFrame.h"
 #include "Lodestone.h"
 #include "SendHooks.h"
 #include "StreamClient.h"
@@ -8,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 /// A host that uses the public functions alone, on a free port. The constant-buffer store belongs to the
@@ -16,8 +16,6 @@
 class HostFixture : public ::testing::Test
 {
 protected:
-    typedef std::vector<std::pair<int, std::string>> Frame; ///< Channel and bytes.
-
     void TearDown() override
     {
         SendHooks::clear();
@@ -33,14 +31,7 @@ protected:
     /// One call of the host, which must succeed.
     static void deliver(const Frame& frame, bool constantBuffers = false)
     {
-        std::vector<AlgoMeasBuffer> array;
-        for (const auto& item : frame) {
-            AlgoMeasBuffer buffer = {};
-            buffer.buffer = item.second.data();
-            buffer.sizeTotal = static_cast<alif_uint32_t>(item.second.size());
-            buffer.channelID = item.first;
-            array.push_back(buffer);
-        }
+        std::vector<AlgoMeasBuffer> array = arrayOf(frame);
         const auto size = static_cast<alif_uint32_t>(array.size());
         EXPECT_EQ(0, Lodestone::Lodestone_Apply(array.data(), size, constantBuffers ? 1 : 0));
     }

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <limits>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <pthread.h>
@@ -29,7 +31,7 @@ std::atomic<int> g_threads{0};
 std::atomic<bool> g_signalsOpen{false};
 std::atomic<std::size_t> g_senderAllocations{0};
 std::atomic<int> g_connection{-1};
-std::atomic<int> g_looksLeft{MANY_LOOKS};
+std::atomic<int> g_looksLeft{0};
 
 namespace
 {
@@ -41,29 +43,26 @@ std::atomic<bool> g_clockStands{false};
 timespec g_stoppedAt = {};
 std::atomic<int> g_looks{0}; // since then
 
-// No mutex can guard these: it would come along here.
-std::atomic_flag g_holdsLock = ATOMIC_FLAG_INIT;
-Hold* g_holds[4] = {};
-
-struct HoldsLock
+/// A pthread mutex would come along here itself.
+class SpinLock
 {
-    HoldsLock() { lock(); }
-    ~HoldsLock() { unlock(); }
-
-    static void lock()
+public:
+    void lock()
     {
-        while (g_holdsLock.test_and_set(std::memory_order_acquire)) {
+        while (m_taken.test_and_set(std::memory_order_acquire)) {
             sched_yield();
         }
     }
-    static void unlock() { g_holdsLock.clear(std::memory_order_release); }
+    void unlock() { m_taken.clear(std::memory_order_release); }
+
+private:
+    std::atomic_flag m_taken = ATOMIC_FLAG_INIT;
 };
+SpinLock g_holdsLock;
+Hold* g_holds[4] = {};
+[[maybe_unused]] const int g_openInChildren =
+    pthread_atfork([] { g_holdsLock.lock(); }, [] { g_holdsLock.unlock(); }, [] { g_holdsLock.unlock(); });
 
-// A forked child finds it open.
-[[maybe_unused]] const int g_forkHandlers =
-    pthread_atfork(&HoldsLock::lock, &HoldsLock::unlock, &HoldsLock::unlock);
-
-/// One of `left` is used up, if there are any.
 bool useUp(std::atomic<int>& left)
 {
     int value = left;
@@ -80,109 +79,63 @@ timespec later(timespec moment, int wait_ms)
     return moment;
 }
 
+bool signalsOpen()
+{
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    bool open = false;
+    for (int signal = 1; signal < SIGRTMAX - 1; ++signal) {     // an emulator keeps the last two for itself,
+        const bool reserved = signal > 31 && signal < SIGRTMIN; // the C library these
+        open = open ||
+               (!reserved && signal != SIGKILL && signal != SIGSTOP && sigismember(&blocked, signal) == 0);
+    }
+    return open;
+}
+
 struct Start
 {
     void* (*function)(void*);
     void* argument;
     Thread thread;
 };
-Start g_starts[64];
+Start g_starts[64]; // taken in turn
 std::atomic<unsigned> g_noStarts{0};
-
-void checkSignals()
-{
-    sigset_t blocked;
-    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    for (int signal = 1; signal < SIGRTMAX - 1; ++signal) { // emulators keep the last two for themselves
-        const bool own = signal > 31 && signal < SIGRTMIN;  // the C library's own
-        if (!own && signal != SIGKILL && signal != SIGSTOP && sigismember(&blocked, signal) == 0) {
-            g_signalsOpen = true;
-        }
-    }
-}
 
 void* runThread(void* argument)
 {
     const Start start = *static_cast<Start*>(argument);
     t_thread = start.thread;
-    checkSignals();
-    void* result = nullptr;
-    {
-        const AllocationScope scope;
-        result = start.function(start.argument);
-        if (start.thread == SENDER) {
-            g_senderAllocations += scope.count();
-        }
-    }
+    g_signalsOpen = g_signalsOpen || signalsOpen();
+    const AllocationScope scope;
+    void* const result = start.function(start.argument);
+    g_senderAllocations += start.thread == SENDER ? scope.count() : 0;
     --g_threads;
     return result;
 }
 
 } // namespace
 
-struct Gatekeeper
-{
-    static void pass(Call call, const void* object)
-    {
-        ++g_counts[call][t_thread];
-        Hold* const hold = find(call, object);
-        if (hold != nullptr) {
-            waitFor([hold] { return hold->m_state == Hold::RELEASED; });
-            hold->m_state = Hold::LEFT;
-        }
-    }
-
-    static Hold* find(Call call, const void* object)
-    {
-        const HoldsLock lock;
-        for (Hold* const hold : g_holds) {
-            if (hold != nullptr && hold->m_call == call && hold->m_thread == t_thread &&
-                hold->m_state == Hold::ARMED && (!hold->m_when || hold->m_when(object))) {
-                hold->m_state = Hold::HELD;
-                return hold;
-            }
-        }
-        return nullptr;
-    }
-};
-
 int count(Call call, Thread thread)
 {
     return g_counts[call][thread];
 }
 
-Calls::Calls(Call call, Thread thread) : m_call(call), m_thread(thread), m_before(count(call, thread)) {}
-
-bool Calls::await(int more) const
+bool Calls::await(int number) const
 {
-    return waitFor([&] { return sinceThen() >= more; });
-}
-
-int Calls::sinceThen() const
-{
-    return count(m_call, m_thread) - m_before;
-}
-
-void stopClock(bool stop)
-{
-    g_clockStands = false;
-    clock_gettime(CLOCK_MONOTONIC, &g_stoppedAt);
-    g_looks = 0;
-    g_looksLeft = MANY_LOOKS;
-    g_clockStands = stop;
+    return waitFor([&] { return sinceThen() >= number; });
 }
 
 Hold::Hold(Call call, Thread thread, std::function<bool(const void*)> when)
     : m_call(call), m_thread(thread), m_when(std::move(when))
 {
-    const HoldsLock lock;
+    const std::lock_guard<SpinLock> lock(g_holdsLock);
     *std::find(std::begin(g_holds), std::end(g_holds), nullptr) = this;
 }
 
 Hold::~Hold()
 {
     release();
-    const HoldsLock lock;
+    const std::lock_guard<SpinLock> lock(g_holdsLock);
     *std::find(std::begin(g_holds), std::end(g_holds), this) = nullptr;
 }
 
@@ -194,7 +147,7 @@ bool Hold::awaitHeld() const
 void Hold::release()
 {
     {
-        const HoldsLock lock;
+        const std::lock_guard<SpinLock> lock(g_holdsLock);
         State state = ARMED;
         if (!m_state.compare_exchange_strong(state, LEFT) && state == HELD) {
             m_state.compare_exchange_strong(state, RELEASED);
@@ -203,10 +156,42 @@ void Hold::release()
     waitFor([this] { return m_state == LEFT; });
 }
 
+void Hold::pass(Call call, const void* object)
+{
+    ++g_counts[call][t_thread];
+    Hold* const hold = find(call, object);
+    if (hold != nullptr) {
+        waitFor([hold] { return hold->m_state == RELEASED; });
+        hold->m_state = LEFT;
+    }
+}
+
+Hold* Hold::find(Call call, const void* object)
+{
+    const std::lock_guard<SpinLock> lock(g_holdsLock);
+    for (Hold* const hold : g_holds) {
+        if (hold != nullptr && hold->m_call == call && hold->m_thread == t_thread && hold->m_state == ARMED &&
+            (!hold->m_when || hold->m_when(object))) {
+            hold->m_state = HELD;
+            return hold;
+        }
+    }
+    return nullptr;
+}
+
+void stopClock(bool stop)
+{
+    g_clockStands = false;
+    clock_gettime(CLOCK_MONOTONIC, &g_stoppedAt);
+    g_looks = 0;
+    g_looksLeft = std::numeric_limits<int>::max();
+    g_clockStands = stop;
+}
+
 } // namespace LibraryCalls
 
-// The names are the linker's.
-// -----------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------------------------------
+// The linker's names
 
 using namespace LibraryCalls;
 
@@ -226,7 +211,7 @@ int __real_pthread_cond_signal(pthread_cond_t* condition);
 
 ssize_t __wrap_send(int sock, const void* data, std::size_t size, int flags)
 {
-    Gatekeeper::pass(SEND, nullptr);
+    Hold::pass(SEND, nullptr);
     switch (g_sendFault.exchange(SendFault::NONE)) {
     case SendFault::ERROR:
         errno = EPIPE;
@@ -241,7 +226,7 @@ ssize_t __wrap_send(int sock, const void* data, std::size_t size, int flags)
 
 int __wrap_accept4(int sock, sockaddr* address, socklen_t* length, int flags)
 {
-    Gatekeeper::pass(ACCEPT, nullptr);
+    Hold::pass(ACCEPT, nullptr);
     if (useUp(g_acceptFaults)) {
         errno = g_acceptError;
         return -1;
@@ -253,9 +238,9 @@ int __wrap_accept4(int sock, sockaddr* address, socklen_t* length, int flags)
 
 int __wrap_usleep(useconds_t time_us)
 {
-    Gatekeeper::pass(REST, nullptr);
-    void (*const atRest)() = g_atRest;
-    if (t_thread == HOST && atRest != nullptr) {
+    Hold::pass(REST, nullptr);
+    void (*const atRest)() = t_thread == HOST ? g_atRest.exchange(nullptr) : nullptr;
+    if (atRest != nullptr) {
         atRest();
     }
     return t_thread == SERVER ? sched_yield()
@@ -267,8 +252,7 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now)
     if (!g_clockStands) {
         return __real_clock_gettime(clock, now);
     }
-    const int moved_ms = g_looks * Lodestone::CycleGate::LOOK_INTERVAL_MS;
-    *now = later(g_stoppedAt, moved_ms);
+    *now = later(g_stoppedAt, g_looks * Lodestone::CycleGate::LOOK_INTERVAL_MS);
     return 0;
 }
 
@@ -276,7 +260,7 @@ int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, v
                           void* argument)
 {
     static void* (*const senderFunction)(void*) = function; // the first thread of any queue
-    Gatekeeper::pass(CREATE, nullptr);
+    Hold::pass(CREATE, nullptr);
     if (useUp(g_createFault) && g_createFault == 0) {
         return EAGAIN;
     }
@@ -290,7 +274,7 @@ int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, v
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
 {
-    Gatekeeper::pass(LOCK, mutex);
+    Hold::pass(LOCK, mutex);
     const int result = __real_pthread_mutex_lock(mutex);
     static thread_local std::optional<AllocationScope> fault; // to the end of the thread that has it
     if (t_thread == SERVER && g_serverAllocationFault.exchange(false)) {
@@ -302,19 +286,19 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
 {
     const int result = __real_pthread_mutex_unlock(mutex);
-    Gatekeeper::pass(UNLOCK, mutex);
+    Hold::pass(UNLOCK, mutex);
     return result;
 }
 
 int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 {
-    Gatekeeper::pass(SLEEP, condition);
+    Hold::pass(SLEEP, condition);
     return __real_pthread_cond_wait(condition, mutex);
 }
 
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit)
 {
-    Gatekeeper::pass(LOOK, condition);
+    Hold::pass(LOOK, condition);
     if (!g_clockStands) {
         return __real_pthread_cond_timedwait(condition, mutex, limit);
     }
@@ -322,15 +306,13 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
     __real_clock_gettime(CLOCK_MONOTONIC, &soon);
     soon = later(soon, 1);
     const int result = __real_pthread_cond_timedwait(condition, mutex, &soon);
-    if (useUp(g_looksLeft)) {
-        ++g_looks;
-    }
+    g_looks += useUp(g_looksLeft) ? 1 : 0;
     return result;
 }
 
 int __wrap_pthread_cond_signal(pthread_cond_t* condition)
 {
-    Gatekeeper::pass(SIGNAL, condition);
+    Hold::pass(SIGNAL, condition);
     return __real_pthread_cond_signal(condition);
 }
 

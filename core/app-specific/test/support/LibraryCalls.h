@@ -5,12 +5,11 @@
 #include <cstddef>
 #include <functional>
 
-/// Stand-ins for the C functions at which the library's threads meet, so that a test can force an
-/// interleaving: it holds a thread in front of a call and lets the others run. The library itself is
-/// unchanged.
+/// Stand-ins for the C functions at which the library's threads meet. A test forces an interleaving with
+/// them: it holds a thread at a call and lets the others run. The library itself is unchanged.
 ///
-/// For programs that are linked with LibraryCalls.cpp, AllocationHook.cpp, and a WRAP of all functions in
-/// LibraryCalls.cpp. The test's own calls come along here too, as those of the host's thread.
+/// For programs with LibraryCalls.cpp, the allocation hook, and a WRAP of all functions in LibraryCalls.cpp.
+/// The test's own calls come along here too, as those of the host's thread.
 namespace LibraryCalls
 {
 
@@ -19,7 +18,7 @@ enum Call
     SEND,
     ACCEPT,
     SLEEP,  ///< pthread_cond_wait
-    LOOK,   ///< pthread_cond_timedwait: the gate waits and looks at the client from time to time.
+    LOOK,   ///< pthread_cond_timedwait: whoever waits for the sender looks at the client from time to time.
     SIGNAL, ///< pthread_cond_signal
     LOCK,
     UNLOCK, ///< The one call where a thread is held behind it.
@@ -36,16 +35,16 @@ enum Thread
     NO_THREADS
 };
 
-/// Calls so far, the one that a thread is in included.
+/// Calls since the program began, the one that a thread is in included.
 int count(Call call, Thread thread);
 
-/// Waits for the `more`-th call from now on; false at the deadline.
+/// Calls since the construction.
 class Calls
 {
 public:
-    Calls(Call call, Thread thread);
-    bool await(int more) const;
-    int sinceThen() const;
+    Calls(Call call, Thread thread) : m_call(call), m_thread(thread), m_before(count(call, thread)) {}
+    int sinceThen() const { return count(m_call, m_thread) - m_before; }
+    bool await(int number) const; ///< False at the deadline.
 
 private:
     const Call m_call;
@@ -53,25 +52,25 @@ private:
     const int m_before;
 };
 
-/// Holds the first thread that comes to a call, until it is released or the test's patience is at its end.
+/// Holds the next thread that comes to a call, until it is released or the test's patience is at its end. At
+/// most four at a time.
 class Hold
 {
 public:
     /// `when` narrows it down; it is asked with the call's mutex or condition, or null, and mustn't block.
     Hold(Call call, Thread thread, std::function<bool(const void*)> when = {});
-    /// Releases, and waits until the thread has gone on.
     ~Hold();
-
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
     bool held() const { return m_state == HELD; }
     bool awaitHeld() const;
-    void release();
+    void release(); ///< Waits until the thread has gone on. Nobody is held any more.
+
+    /// For the stand-ins: the calling thread is at that call.
+    static void pass(Call call, const void* object);
 
 private:
-    friend struct Gatekeeper;
-
     enum State
     {
         ARMED,
@@ -79,6 +78,7 @@ private:
         RELEASED,
         LEFT
     };
+    static Hold* find(Call call, const void* object);
 
     const Call m_call;
     const Thread m_thread;
@@ -86,7 +86,7 @@ private:
     std::atomic<State> m_state{ARMED};
 };
 
-/// What the next calls do instead of their work. Each fault is used up by the call that has it.
+/// Faults. Each is used up by the call that has it.
 enum class SendFault
 {
     NONE,
@@ -98,23 +98,18 @@ extern std::atomic<int> g_acceptError;  ///< The errno with which accept fails .
 extern std::atomic<int> g_acceptFaults; ///< ... so many times.
 extern std::atomic<int> g_createFault;  ///< The so-manyth thread from now on can't be created.
 extern std::atomic<bool> g_serverAllocationFault;
-
-/// What a thread of the host's does in the wait for room, if not null.
+/// What a thread of the host's does at its next REST, if not null.
 extern std::atomic<void (*)()> g_atRest;
 
-/// Library threads that were started and haven't ended, and whether one of them began with a signal open.
-extern std::atomic<int> g_threads;
-extern std::atomic<bool> g_signalsOpen;
-/// Allocations of the sender threads that have ended.
-extern std::atomic<std::size_t> g_senderAllocations;
-/// The descriptor of the newest connection.
-extern std::atomic<int> g_connection;
+extern std::atomic<int> g_threads;                   ///< Library threads that were started and haven't ended.
+extern std::atomic<bool> g_signalsOpen;              ///< One of them began with a signal open.
+extern std::atomic<std::size_t> g_senderAllocations; ///< Of the senders that have ended.
+extern std::atomic<int> g_connection;                ///< The descriptor of the newest connection.
 
-/// Stops the gate's clock or lets it run. A stopped one is moved by each look, by as much as the gate would
-/// have waited, as long as there are looks left.
+/// Stops the clock of whoever waits for the sender, or lets it run. A stopped one is moved by each look, by
+/// as much as the waiter would have slept, as long as there are looks left.
 void stopClock(bool stop);
 extern std::atomic<int> g_looksLeft;
-const int MANY_LOOKS = 1000000;
 
 } // namespace LibraryCalls
 

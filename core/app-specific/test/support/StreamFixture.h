@@ -2,6 +2,7 @@
 #define LODESTONE_TEST_STREAMFIXTURE_H
 
 #include "ConfigStringParser.h"
+#include "HostFrame.h"
 #include "QueueProbe.h"
 #include "StreamClient.h"
 
@@ -9,15 +10,12 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 /// A queue on a free port, driven frame by frame, and clients that read it.
 class StreamFixture : public ::testing::Test
 {
 protected:
-    typedef std::vector<std::pair<int, std::string>> Frame; ///< Channel and bytes.
-
     /// Builds the queue. `config` is what follows the port:
     /// "<split>,<intermittent>,<length>:<channel>,<type>:...".
     void openQueue(const std::string& config)
@@ -28,20 +26,6 @@ protected:
         parser.parseString("0," + std::to_string(m_port) + "," + config);
         m_queue = std::make_unique<Lodestone::SondeBufferQueue>(parser.getConfig());
         m_probe = std::make_unique<Lodestone::QueueProbe>(*m_queue);
-    }
-
-    /// The frame as the host's array; it borrows the bytes.
-    static std::vector<AlgoMeasBuffer> arrayOf(const Frame& frame)
-    {
-        std::vector<AlgoMeasBuffer> array;
-        for (const auto& item : frame) {
-            AlgoMeasBuffer buffer = {};
-            buffer.buffer = item.second.data();
-            buffer.sizeTotal = static_cast<alif_uint32_t>(item.second.size());
-            buffer.channelID = item.first;
-            array.push_back(buffer);
-        }
-        return array;
     }
 
     /// One delivery; what addBuffers returned.
