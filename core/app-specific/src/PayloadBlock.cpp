@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <new>
+#include <sys/mman.h>
 #include <utility>
 
 namespace Lodestone
@@ -12,12 +13,31 @@ PayloadBlock::PayloadBlock(std::size_t capacity)
     if (capacity > std::numeric_limits<std::size_t>::max() / 2 - sizeof(Head)) {
         throw std::bad_alloc();
     }
-    m_head = new (::operator new(sizeof(Head) + capacity)) Head{nullptr, capacity};
+    void* memory = nullptr;
+    if (capacity < MAPPED_FROM) {
+        memory = ::operator new(sizeof(Head) + capacity);
+    } else {
+        memory = ::mmap(nullptr, sizeof(Head) + capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
+                        -1, 0);
+        if (memory == MAP_FAILED) {
+            throw std::bad_alloc();
+        }
+    }
+    m_head = new (memory) Head{nullptr, capacity};
 }
 
 PayloadBlock::~PayloadBlock()
 {
-    ::operator delete(m_head);
+    free();
+}
+
+void PayloadBlock::free() noexcept
+{
+    if (m_head != nullptr && m_head->capacity >= MAPPED_FROM) {
+        ::munmap(m_head, sizeof(Head) + m_head->capacity);
+    } else {
+        ::operator delete(m_head);
+    }
 }
 
 PayloadBlock::PayloadBlock(PayloadBlock&& other) noexcept : m_head(std::exchange(other.m_head, nullptr)) {}
@@ -25,7 +45,7 @@ PayloadBlock::PayloadBlock(PayloadBlock&& other) noexcept : m_head(std::exchange
 PayloadBlock& PayloadBlock::operator=(PayloadBlock&& other) noexcept
 {
     if (this != &other) {
-        ::operator delete(m_head);
+        free();
         m_head = std::exchange(other.m_head, nullptr);
     }
     return *this;

@@ -8,6 +8,9 @@ namespace Lodestone
 {
 
 /// Sole owner of a piece of memory for payloads, or of none. Moving hands it over.
+///
+/// Large pieces are mapped rather than taken from the heap: the heap learns from their coming and going to
+/// keep them, so a burst that is over would stay resident for good.
 class PayloadBlock
 {
 public:
@@ -29,12 +32,16 @@ public:
 private:
     friend class PayloadBlockStack;
 
+    static constexpr std::size_t MAPPED_FROM = 131072; // bytes of capacity
+
     // Stands at the start of the memory itself, so that blocks can be stacked without an allocation.
     struct alignas(std::max_align_t) Head
     {
         Head* next;
         std::size_t capacity;
     };
+
+    void free() noexcept;
 
     Head* m_head = nullptr;
 };

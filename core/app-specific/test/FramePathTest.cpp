@@ -1,8 +1,16 @@
 #include "AllocationHook.h"
 #include "StreamFixture.h"
 
+#include <atomic>
+#include <cerrno>
+#include <sys/mman.h>
+
 namespace
 {
+
+// Memory that the library maps, and a mapping that is to fail.
+std::atomic<std::int64_t> g_mappedBytes{0};
+std::atomic<bool> g_mappingFails{false};
 
 struct Course
 {
@@ -19,10 +27,36 @@ void PrintTo(const Course& course, std::ostream* out)
 
 } // namespace
 
+extern "C" void* __real_mmap(void* address, std::size_t length, int protection, int flags, int file,
+                             off_t offset);
+extern "C" int __real_munmap(void* address, std::size_t length);
+
+extern "C" void* __wrap_mmap(void* address, std::size_t length, int protection, int flags, int file,
+                             off_t offset)
+{
+    if (g_mappingFails.exchange(false)) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
+    g_mappedBytes += static_cast<std::int64_t>(length);
+    return __real_mmap(address, length, protection, flags, file, offset);
+}
+
+extern "C" int __wrap_munmap(void* address, std::size_t length)
+{
+    g_mappedBytes -= static_cast<std::int64_t>(length);
+    return __real_munmap(address, length);
+}
+
 /// What a steady stream costs beyond time: nothing from the heap, and no memory that nobody needs.
 class FramePathTest : public StreamFixture, public ::testing::WithParamInterface<Course>
 {
 protected:
+    static std::int64_t liveBytes()
+    {
+        return static_cast<std::int64_t>(AllocationScope::liveBytes()) + g_mappedBytes;
+    }
+
     // A thousand bytes for each unit of the channel's number.
     void prepare(const std::vector<int>& channels, const std::vector<int>& constants)
     {
@@ -77,15 +111,17 @@ TEST_P(FramePathTest, SteadyStreamMakesNoHeapCall)
     bool steady = false;
     for (int attempt = 0; attempt < 20 && !steady; ++attempt) {
         const std::size_t liveBefore = AllocationScope::liveBlocks();
+        const std::int64_t mappedBefore = g_mappedBytes;
         const AllocationScope scope(AllocationScope::NEVER, AllocationScope::Threads::ALL);
         ASSERT_TRUE(runFrames(50));
-        steady = scope.count() == 0 && AllocationScope::liveBlocks() == liveBefore; // nothing freed either
+        steady = scope.count() == 0 && AllocationScope::liveBlocks() == liveBefore && // nothing freed either
+                 g_mappedBytes == mappedBefore;
     }
     EXPECT_TRUE(steady);
 }
 
 INSTANTIATE_TEST_SUITE_P(Courses, FramePathTest,
-                         ::testing::Values(Course{"whole", "4,3,20:1,n:2,n:80,n", {1, 2, 80}, {}},
+                         ::testing::Values(Course{"whole", "4,3,20:1,n:2,n:200,n", {1, 2, 200}, {}},
                                            Course{"waiting", "4,3,-2:1,n:2,n", {1, 2}, {}},
                                            Course{"split", "4,3,20:1,s:2,n", {1, 2}, {}},
                                            Course{"intermittent", "4,3,20:1,i:2,n", {1, 2}, {}},
@@ -102,8 +138,12 @@ TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
     reachNormalData(m_frame);
     ASSERT_TRUE(runFrames(50));
     const Frame big = {{2, std::string(1 << 20, 'x')}};
-    const auto before = static_cast<std::int64_t>(AllocationScope::liveBytes());
-    const auto grown = [=] { return static_cast<std::int64_t>(AllocationScope::liveBytes()) - before; };
+    const std::int64_t before = liveBytes();
+    const auto grown = [=] { return liveBytes() - before; };
+
+    g_mappingFails = true;
+    EXPECT_THROW(deliver(big), std::bad_alloc);
+    EXPECT_TRUE(m_probe->storeEmpty());
 
     const std::uint32_t first = m_probe->nextCycle();
     for (int k = 0; k < 40; ++k) {
