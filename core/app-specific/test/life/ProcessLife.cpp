@@ -19,6 +19,12 @@ extern "C" const char* __asan_default_options()
     return "detect_leaks=0";
 }
 
+// Not a second for every process that ends.
+extern "C" const char* __tsan_default_options()
+{
+    return "atexit_sleep_ms=0";
+}
+
 namespace
 {
 
