@@ -17,6 +17,6 @@ echo
 "$bench/frame_goals" "$summary"
 
 echo
-echo "| Goal | What | Measured | Limit | Met |"
-echo "|---|---|---|---|---|"
+echo "| Goal | What | Measured | Quartiles of the rounds | Limit | Met |"
+echo "|---|---|---|---|---|---|"
 cat "$summary"

@@ -6,11 +6,11 @@
 #include <cstddef>
 #include <vector>
 
-/// Durations in nanoseconds, and what stands out of them.
+/// Durations in nanoseconds, or ratios of two of them, and what stands out.
 class Samples
 {
 public:
-    void add(double ns) { m_values.push_back(ns); }
+    void add(double value) { m_values.push_back(value); }
     std::size_t size() const { return m_values.size(); }
 
     double median() const { return quantile(0.5); }
