@@ -11,6 +11,8 @@ namespace LodestoneTap
 namespace
 {
 
+constexpr std::uint64_t MAX_TEXT = std::uint64_t{256} << 20; // characters, the records' fields included
+
 void writeChannel(const ChannelPicture& channel, JsonWriter& json)
 {
     json.beginObject().key("channel").value(channel.channelID).key("kind").value(kindName(channel.kind));
@@ -107,12 +109,28 @@ private:
     JsonWriter& m_json;
 };
 
+/// Not less than the characters that one element of `field` takes. A description may nest a byte in 32
+/// structures with long names, all of which come again for every byte of the record.
+std::uint64_t textSize(const RecordField& field)
+{
+    std::uint64_t size = field.type == FieldType::STRUCTURE ? 4 : 3 * std::uint64_t{field.size} + 4;
+    for (const RecordField& child : field.children) {
+        const std::uint64_t innerBrackets = child.extents.size() > 1 ? 2 * (child.extents.size() - 1) : 0;
+        size += 2 * child.name.size() + 6 + child.elementCount() * (textSize(child) + innerBrackets);
+    }
+    return size;
+}
+
 void writeRecord(const RecordPicture& record, JsonWriter& json)
 {
     json.beginObject().key("channel").value(record.channelID).key("cycle").value(record.cycle);
     json.key("name").value(record.description->root().name).key("fields");
     const RecordView view(*record.description, *record.bytes);
-    RecordJson(view, json).writeFields(view.root(), 0);
+    if (json.text().size() + textSize(view.root()) <= MAX_TEXT) {
+        RecordJson(view, json).writeFields(view.root(), 0);
+    } else {
+        json.null();
+    }
     json.endObject();
 }
 

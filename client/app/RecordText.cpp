@@ -19,6 +19,9 @@ constexpr std::uint64_t MAX_CELL_ELEMENTS = 4; // of one that shares its line wi
 constexpr std::size_t MAX_TEXT = 70; // characters of a text, likewise
 constexpr std::size_t MAX_CELL_TEXT = 20;
 
+// Of a record, each counted as often as it is shown: arrays nested in arrays could make a line of every byte.
+constexpr std::size_t MAX_FIELDS = 10000;
+
 typedef std::vector<std::uint64_t> Displacements; // of the structures that stand side by side
 
 std::string valueText(const RecordValue& value)
@@ -75,6 +78,9 @@ public:
     std::vector<std::string> lines()
     {
         addFields(m_record.root(), 0, {0});
+        if (m_fields > MAX_FIELDS) {
+            m_table.add({"  the rest is left out"});
+        }
         return m_table.lines();
     }
 
@@ -82,6 +88,9 @@ private:
     void addFields(const RecordField& structure, std::size_t depth, const Displacements& columns)
     {
         for (const RecordField& field : structure.children) {
+            if (m_fields > MAX_FIELDS || ++m_fields > MAX_FIELDS) {
+                return;
+            }
             if (field.type != FieldType::STRUCTURE) {
                 addNumbers(field, depth, columns);
             } else if (field.extents.empty()) {
@@ -201,6 +210,7 @@ private:
 
     const RecordView& m_record;
     TextTable m_table;
+    std::size_t m_fields = 0;
 };
 
 } // namespace

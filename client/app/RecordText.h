@@ -11,7 +11,7 @@ namespace LodestoneTap
 
 /// The fields of a record as aligned lines, one field a line. An array of structures stands as columns side
 /// by side, without the elements that are all zero; of long arrays the first elements are shown and the rest
-/// counted.
+/// counted. After 10000 fields the rest of the record is left out.
 std::vector<std::string> recordText(const RecordView& record);
 
 } // namespace LodestoneTap

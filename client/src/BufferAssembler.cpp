@@ -42,8 +42,9 @@ BufferAssembler::Result BufferAssembler::add(const Cycle& cycle, ChannelEntry& e
     checkSameBuffer("numberOfParts", header.numberOfParts, assembly.numberOfParts, header.partNumber);
     // In rising order and each of the size that the slicing rule gives: appending puts every part in its
     // place.
-    std::vector<std::uint8_t>& bytes = assembly.payload.bytes;
-    bytes.insert(bytes.end(), entry.payload.bytes.begin(), entry.payload.bytes.end());
+    const std::vector<std::uint8_t>& part = entry.payload.bytes;
+    const std::int32_t finalSize = std::max(assembly.totalSize, 0);
+    assembly.payload.append(part.data(), part.size(), static_cast<std::size_t>(finalSize));
     ++assembly.nextPart;
     if (assembly.nextPart < assembly.numberOfParts) {
         return Result::PARTIAL;
@@ -76,7 +77,6 @@ BufferAssembler::Assemblies::iterator BufferAssembler::begin(const Key& key, con
     assembly.numberOfParts = entry.header.numberOfParts;
     const std::uint32_t bytes = static_cast<std::uint32_t>(std::max(assembly.totalSize, 0));
     assembly.payload.claim = MemoryClaim(m_budget, bytes + ASSEMBLY_OVERHEAD);
-    assembly.payload.bytes.reserve(bytes);
     return m_assemblies.emplace(key, std::move(assembly));
 }
 

@@ -26,12 +26,16 @@ PackageDiagnostics readPackage(const RecordView& record, std::size_t slot)
     return package;
 }
 
-/// Slots without a package are all zero; the number of slots is the description's word.
+/// Slots without a package are all zero. The number of slots is the description's word, and each costs a
+/// search of all field names.
 std::vector<PackageDiagnostics> readPackages(const RecordView& record)
 {
     std::vector<PackageDiagnostics> packages;
     for (const RecordField& field : record.root().children) {
         const std::uint64_t slots = field.name == "diags" ? field.elementCount() : 0;
+        if (slots > HostDiagnostics::MAX_PACKAGES) {
+            throw ReaderError(std::to_string(slots) + " slots for packages");
+        }
         for (std::uint64_t slot = 0; slot < slots; ++slot) {
             if (!record.isZero(field, slot * field.size)) {
                 packages.push_back(readPackage(record, static_cast<std::size_t>(slot)));

@@ -29,7 +29,8 @@ struct PackageDiagnostics
 /// What the library reports about itself with every NORMAL cycle.
 struct HostDiagnostics
 {
-    static constexpr std::int32_t CHANNEL = 10998; ///< Its description is on the channel behind it.
+    static constexpr std::size_t MAX_PACKAGES = 256; ///< The library has 5 slots; more than this are none.
+    static constexpr std::int32_t CHANNEL = 10998;   ///< Its description is on the channel behind it.
 
     std::int32_t queueLength =
         0; ///< Cycles waiting behind this one; with a negative limit, this one included.

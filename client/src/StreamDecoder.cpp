@@ -73,10 +73,10 @@ std::size_t StreamDecoder::takeHeader(const std::uint8_t* data, std::size_t size
 
 std::size_t StreamDecoder::takePayload(const std::uint8_t* data, std::size_t size)
 {
-    std::vector<std::uint8_t>& bytes = m_entry.payload.bytes;
+    const std::vector<std::uint8_t>& bytes = m_entry.payload.bytes;
     const std::size_t partByteSize = static_cast<std::size_t>(m_entry.header.partByteSize);
     const std::size_t taken = std::min(size, partByteSize - bytes.size());
-    bytes.insert(bytes.end(), data, data + taken);
+    m_entry.payload.append(data, taken, partByteSize);
     m_offset += taken;
     if (bytes.size() == partByteSize) {
         entryDone();
@@ -122,11 +122,10 @@ void StreamDecoder::channelHeaderDone()
         entryDone();
         return;
     }
-    // Claimed before the memory is asked for: up to here the size is only the peer's word.
+    // Claimed before a byte comes: up to here the size is only the peer's word.
     atEntry([this] {
         const std::size_t partByteSize = static_cast<std::size_t>(m_entry.header.partByteSize);
         m_entry.payload.claim = MemoryClaim(m_budget, partByteSize);
-        m_entry.payload.bytes.reserve(partByteSize);
     });
     m_state = State::PAYLOAD;
 }

@@ -4,6 +4,8 @@
 #include "MemoryBudget.h"
 #include "ProtocolIOT.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -15,6 +17,17 @@ struct Payload
 {
     MemoryClaim claim; // before the bytes, so that it is given back after they are freed
     std::vector<std::uint8_t> bytes;
+
+    /// Appends the next `size` of `finalSize` bytes. Memory grows with what has come: a size that is only
+    /// announced costs a claim and no byte.
+    void append(const std::uint8_t* data, std::size_t size, std::size_t finalSize)
+    {
+        const std::size_t needed = bytes.size() + size;
+        if (needed > bytes.capacity()) {
+            bytes.reserve(std::min(finalSize, std::max(needed, 2 * bytes.capacity())));
+        }
+        bytes.insert(bytes.end(), data, data + size);
+    }
 };
 
 /// What the first entry of a cycle tells about the whole cycle.

@@ -168,6 +168,33 @@ TEST(StreamModel, DamagedStreamsEndInAnErrorAtWorst)
     });
 }
 
+TEST(StreamModel, TextsOfAHostileRecordStayBounded)
+{
+    const std::uint32_t size = 1U << 20;
+    DescriptionBytes wide; // a name of 200 characters for every byte
+    wide.root("Wide", size).node("s", {size}, 0, 1, STRUCTURE).node(std::string(200, 'x'), {}, 0, 1, SIGNED);
+    DescriptionBytes nested; // a line for every byte
+    nested.root("Nested", 4U << 16);
+    for (std::uint32_t level = 0; level <= 8; ++level) {
+        nested.node("s", {4}, 0, 1U << (16 - 2 * level), STRUCTURE);
+    }
+    nested.node("x", {}, 0, 1, SIGNED);
+    for (int i = 0; i <= 8; ++i) {
+        nested.end();
+    }
+    Tap tap;
+    tap.feed(StreamBytes()
+                 .cycle(1, 4)
+                 .whole(1, pattern(size, 1))
+                 .whole(2, wide.end().end().payload())
+                 .whole(4, pattern(4U << 16, 1))
+                 .whole(5, nested.end().payload()));
+    EXPECT_LT(tap.json().size(), 32U << 20);
+    EXPECT_NE(tap.json().find("\"name\":\"Wide\",\"fields\":null"), std::string::npos);
+    EXPECT_LT(tap.text().size(), 8U << 20);
+    EXPECT_NE(tap.text().find("the rest is left out"), std::string::npos);
+}
+
 TEST(TextPicture, IsAlignedAndReadable)
 {
     Tap tap;

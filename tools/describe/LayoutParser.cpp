@@ -13,7 +13,10 @@ namespace Lodestone
 namespace
 {
 
+// What a reader takes: docs/protocol.md.
 const std::size_t MAX_DEPTH = 32;
+const std::size_t MAX_DIMENSIONS = 8;
+const std::size_t MAX_NAME = 255;
 // A buffer's size is a signed 32-bit number on the wire.
 const std::uint32_t MAX_NUMBER = 0x7FFFFFFF;
 
@@ -71,7 +74,8 @@ RecordLayout LayoutParser::parse()
 bool LayoutParser::isName(const std::string& text)
 {
     const char* const nameChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
-    return !text.empty() && text.find_first_not_of(nameChars) == std::string::npos &&
+    return !text.empty() && text.size() <= MAX_NAME &&
+           text.find_first_not_of(nameChars) == std::string::npos &&
            std::isdigit(static_cast<unsigned char>(text.front())) == 0;
 }
 
@@ -191,6 +195,9 @@ void LayoutParser::parseDeclarator(const std::string& word, LayoutNode& node) co
         const std::size_t close = word.find(']', begin);
         if (word[begin] != '[' || close == std::string::npos) {
             refuse(quoted(word) + " isn't of the form NAME[N][N]");
+        }
+        if (node.dimensions.size() == MAX_DIMENSIONS) {
+            refuse(quoted(node.name) + " has more than " + std::to_string(MAX_DIMENSIONS) + " dimensions");
         }
         node.dimensions.push_back(parseNumber("dimension", word.substr(begin + 1, close - begin - 1)));
         if (node.dimensions.back() == 0) {

@@ -26,7 +26,8 @@ namespace Lodestone
 /// enclosing structure, as offsetof gives them; a structure's size is its sizeof, and that of one element in
 /// an array. Fields stand in ascending order and don't overlap; gaps are allowed, and nothing has to be
 /// aligned. `extent` is a number that readers only carry; without it, it is the record's size. Numbers are
-/// decimal or 0x hexadecimal, at most 2147483647.
+/// decimal or 0x hexadecimal, at most 2147483647. Names have up to 255 characters, arrays up to 8 dimensions,
+/// structures stand up to 32 deep, the record included.
 class LayoutParser
 {
 public:

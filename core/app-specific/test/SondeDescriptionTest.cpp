@@ -131,6 +131,7 @@ TEST(LayoutParser, RefusedLayoutsNameFileLineAndReason)
         {head + "int32 a-b at 0\n", "x.layout:2: 'a-b' is no name"},
         {head + "int32 a at 0 size 4\n", "x.layout:2: unexpected 'size'"},
         {head + "int32 a[2 at 0\n", "x.layout:2: 'a[2' isn't of the form NAME[N][N]"},
+        {head + "int8 a[1][1][1][1][1][1][1][1][1] at 0\n", "x.layout:2: 'a' has more than 8 dimensions"},
         {head + "int32 a[0] at 0\n", "x.layout:2: a dimension is at least 1"},
         {head + "int32 a[65536][65536] at 0\n", "x.layout:2: 'a' is larger than 2147483647 bytes"},
         {head + "int32 a[3] at 0\n", "x.layout:2: 'a' ends at 12, but 'R' has 8 bytes"},
