@@ -164,7 +164,8 @@ bool TCPSocket::closedByPeer() const noexcept
         return true;
     }
     pollfd entry = {m_sock, POLLRDHUP, 0};
-    return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0;
+    // Not to know counts as closed: a newcomer is served by a transfer of its own in either case.
+    return ::poll(&entry, 1, 0) < 0 || (entry.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0;
 }
 
 void TCPSocket::create()

@@ -64,7 +64,7 @@ public:
     Progress progress() const noexcept;
 
     /// Whether the peer has closed its end or the connection has failed. Reads nothing from the connection
-    /// and doesn't block. True without a descriptor.
+    /// and doesn't block. True without a descriptor, and if it can't be found out.
     bool closedByPeer() const noexcept;
 
 protected:
