@@ -1,6 +1,7 @@
 #include "CycleGate.h"
 
 #include "TCPSocket.h"
+#include "TestPoints.h"
 
 #include <ctime>
 
@@ -103,6 +104,7 @@ void CycleGate::senderStarts()
 void CycleGate::senderEnds()
 {
     MutexLocker lock(m_mutex);
+    LODESTONE_TEST_POINT(sender_signs_off);
     m_senderLives = false;
     pthread_cond_broadcast(&m_changed);
 }
@@ -123,6 +125,7 @@ void CycleGate::waitCuttingStalls(bool (CycleGate::*mustWait)() const)
             last = now;
             limit = monotonicIn(STALL_LIMIT_MS);
         } else if (isPast(limit) && m_watched != nullptr) {
+            LODESTONE_TEST_POINT(stall_found);
             m_watched->abort();
         }
         const timespec nextLook = monotonicIn(LOOK_INTERVAL_MS);

@@ -4,6 +4,7 @@
 #include "LibraryThread.h"
 #include "ProcessLife.h"
 #include "ProtocolIOT.h"
+#include "TestPoints.h"
 #include "sonde_ld_data.h"
 
 #include <algorithm>
@@ -103,12 +104,14 @@ void SondeBufferQueue::startSender()
         m_senderRunning = false;
         throw std::runtime_error("Unable to create sender thread");
     }
+    LODESTONE_TEST_POINT(sender_started);
     m_senderJoinable = true;
 }
 
 void SondeBufferQueue::stopSender() noexcept
 {
     m_transmissionState = TRANSFER_FINISHED;
+    LODESTONE_TEST_POINT(stop_begins);
     {
         // Under the sleeper's mutex: between its look at the flag and its sleep the signal would be lost.
         MutexLocker lock(m_jobMutex);
@@ -137,6 +140,7 @@ PerPackageDiag* SondeBufferQueue::addBuffers(AlgoMeasBuffer* measBuffer, std::ui
         return nullptr;
     }
     PerPackageDiag* const diag = registerPackage(measBuffer[0].channelID);
+    LODESTONE_TEST_POINT(frame_wanted);
 
     const std::int32_t maxAppearance = constantBuffer ? 1 : std::abs(m_config.queueLength);
     if (!constantBuffer && m_config.queueLength < 0) {
@@ -147,10 +151,13 @@ PerPackageDiag* SondeBufferQueue::addBuffers(AlgoMeasBuffer* measBuffer, std::ui
     if (connectionLost()) {
         reset();
     }
+    LODESTONE_TEST_POINT(loss_looked_for);
     if (m_connectedID == NO_CONNECTION || ProcessLife::exiting()) {
         return diag;
     }
+    LODESTONE_TEST_POINT(client_found);
     toggleSenderThread(true);
+    LODESTONE_TEST_POINT(sender_there);
 
     switch (m_transmissionState) {
     case TRANSFER_INITIATE:
@@ -278,6 +285,7 @@ void SondeBufferQueue::queueOnceCycle()
     // thread, leaves the cycle in the queue, and so a client that takes over before the first byte gets it
     // instead.
     m_transmissionState = TRANSFER_ONCE_DATA;
+    LODESTONE_TEST_POINT(once_announced);
     mergeIntoQueue(newList);
 }
 
@@ -300,13 +308,16 @@ void SondeBufferQueue::queueNormalData(const AlgoMeasBuffer* measBuffer, std::ui
 
     const bool skippedChannel = chooseBuffers(measBuffer, measBuffersArraySize, maxAppearance, delivery);
     diag.skipped = skippedChannel ? 1 : 0;
+    LODESTONE_TEST_POINT(buffers_chosen);
     if (delivery.buffers.empty()) {
         m_store.closeUnused(newList);
         return;
     }
     copyPayloads(delivery);
+    LODESTONE_TEST_POINT(payloads_copied);
     const auto noCycles = static_cast<std::uint64_t>(delivery.noCycles);
     const std::uint64_t firstCycle = mergeIntoQueue(newList); // the delivery is the queue's from here on
+    LODESTONE_TEST_POINT(delivery_queued);
     for (Channel* const channel : m_newSplit) {
         PartsState& parts = m_channels.parts(*channel);
         parts.firstCycle = firstCycle;
@@ -450,7 +461,9 @@ void SondeBufferQueue::reset()
 {
     toggleSenderThread(false);
     reapSender(); // the lists are this thread's only when the last jobDone is over
+    LODESTONE_TEST_POINT(sender_reaped);
     m_restartMarked = false;
+    LODESTONE_TEST_POINT(mark_cleared);
     if (!m_clean) {
         clearJobList();
         m_channels.reset();
@@ -481,6 +494,7 @@ void* SondeBufferQueue::senderThreadFunction(void* arg)
     nameLibraryThread("lodestone-send");
     auto* const queue = static_cast<SondeBufferQueue*>(arg);
     queue->sendCycles();
+    LODESTONE_TEST_POINT(sender_leaves);
     queue->m_gate.senderEnds();
     return nullptr;
 }
@@ -508,15 +522,19 @@ bool SondeBufferQueue::sendNextCycle()
         dropJob(job);
         return false;
     }
+    LODESTONE_TEST_POINT(cycle_in_hand);
     const std::int64_t ID = m_connectedID;
+    LODESTONE_TEST_POINT(id_taken);
     CycleGate::Cycle passage(m_gate);
     MutexLocker lock(m_socketMutex);
+    LODESTONE_TEST_POINT(socket_held);
     if (m_restartMarked) {
         // The client that this was queued for is gone; a new one must not see the rest of its stream.
         dropJob(job);
         m_senderRunning = false;
         return false;
     }
+    LODESTONE_TEST_POINT(mark_looked_for);
     if (m_connectedID != ID) {
         dropJob(job); // replaced while this thread waited: the new client begins with a cycle of its own
         return true;
@@ -546,6 +564,7 @@ void SondeBufferQueue::getNextJob(CycleJob& job)
         m_JobList.take(m_config.queueLength < 0 || m_transmissionState == TRANSFER_ONCE_DATA, job);
         publishFront();
     }
+    LODESTONE_TEST_POINT(cycle_taken);
     if (!job.leftInQueue) {
         countSent(job);
     }
@@ -649,8 +668,11 @@ void SondeBufferQueue::loseConnection()
 {
     // In this order: whoever sees the connection gone, or the sender ended, must see the mark.
     m_restartMarked = true;
+    LODESTONE_TEST_POINT(mark_set);
     m_connectedID = NO_CONNECTION;
+    LODESTONE_TEST_POINT(id_gone);
     m_sondeSocket.reset();
+    LODESTONE_TEST_POINT(socket_gone);
     m_senderRunning = false;
 }
 
@@ -666,6 +688,7 @@ void SondeBufferQueue::jobDone(CycleJob& job)
         m_JobList.finish(job, returned.deliveries);
         publishFront();
     }
+    LODESTONE_TEST_POINT(between_lists);
     MutexLocker lock(m_bufferListMutex);
     m_bufferList.splice(returned);
 }
@@ -753,6 +776,7 @@ void SondeBufferQueue::serveConnections()
     } catch (...) {
         // The queue is out of service: frames are ignored, and a client sees its connection end.
         m_serverThreadRunning = false;
+        LODESTONE_TEST_POINT(server_gives_up);
         dropConnection();
     }
 }
@@ -770,8 +794,10 @@ AcceptResult SondeBufferQueue::replaceConnection(TCPServerSocket& serverSocket, 
     // came, maybe the same one on its way back, was lost: this one gets a transfer of its own, from the once
     // data on.
     if (m_sondeSocket && m_sondeSocket->closedByPeer()) {
+        LODESTONE_TEST_POINT(old_client_gone);
         m_restartMarked = true;
     }
+    LODESTONE_TEST_POINT(old_client_judged);
     if (result == AcceptResult::FAILED && m_sondeSocket) {
         m_sondeSocket.reset(); // its descriptor may be the one that is missing
         result = serverSocket.accept(*connection);
@@ -779,7 +805,9 @@ AcceptResult SondeBufferQueue::replaceConnection(TCPServerSocket& serverSocket, 
     // Straight from the old id to the new one: a frame in between must not see "no client" and end the
     // transfer.
     m_sondeSocket = std::move(connection);
+    LODESTONE_TEST_POINT(socket_swapped);
     m_connectedID = socketID;
+    LODESTONE_TEST_POINT(id_swapped);
     ++socketID;
     return result;
 }

@@ -3,6 +3,7 @@
 #   exports NM LIBRARY       the public names and no others
 #   needs READELF LIBRARY    no library but those of C and C++; the soname
 #   target READELF LIBRARY   armv7, floating-point arguments in floating-point registers
+#   points NM LIBRARY STATIC WITH_POINTS   no trace of the tests' points in the first two; the third shows some
 set -eu
 export LC_ALL=C
 check=$1 tool=$2 library=$3
@@ -41,6 +42,12 @@ target)
 "Tag_CPU_arch: v7
 Tag_Advanced_SIMD_arch: NEONv1
 Tag_ABI_VFP_args: VFP registers"
+  ;;
+points)
+  traces() { { "$tool" "$1"; cat "$1"; } | grep -a -c -e lodestoneTestPoint -e point:mark_set || true; }
+  expect "traces of points" "$(traces "$library")" 0
+  expect "traces of points in $4" "$(traces "$4")" 0
+  [ "$(traces "$5")" -gt 1 ]
   ;;
 *)
   echo "unknown check: $check"

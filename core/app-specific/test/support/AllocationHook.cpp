@@ -13,6 +13,7 @@ thread_local std::size_t t_count = 0;
 thread_local std::size_t t_failAt = 0;
 std::atomic<std::size_t> g_count{0};
 std::atomic<std::size_t> g_failAt{0};
+std::atomic<bool (*)()> g_filter{nullptr};
 std::atomic<std::size_t> g_live{0};
 std::atomic<std::size_t> g_liveBytes{0};
 
@@ -20,7 +21,8 @@ void* allocate(std::size_t size) noexcept
 {
     const bool failsHere = ++t_count == t_failAt;
     const bool failsAnywhere = ++g_count == g_failAt;
-    if (failsHere || failsAnywhere) {
+    bool (*const filter)() = g_filter;
+    if (failsHere || failsAnywhere || (filter != nullptr && filter())) {
         return nullptr;
     }
     void* const block = std::malloc(size == 0 ? 1 : size);
@@ -79,6 +81,11 @@ std::size_t AllocationScope::count() const
 bool AllocationScope::failed() const
 {
     return m_failAt != 0 && count() >= m_failAt - m_begin;
+}
+
+void AllocationScope::setFilter(bool (*fails)())
+{
+    g_filter = fails;
 }
 
 std::size_t AllocationScope::liveBytes()

@@ -36,6 +36,9 @@ public:
     /// Whether the allocation that was to fail has been tried. A sweep is at its end when it has not.
     bool failed() const;
 
+    /// Each allocation of any thread for which `fails` answers true fails, until the next call; null: none.
+    static void setFilter(bool (*fails)());
+
     /// Blocks of the whole program that are allocated and not freed. Equal before and after what leaks
     /// nothing.
     static std::size_t liveBlocks();

@@ -34,6 +34,17 @@ struct QueueProbe
         MutexLocker lock(q.m_jobMutex);
         return static_cast<std::uint32_t>(q.m_JobList.m_cycleCounter);
     }
+    std::uint64_t frontCycle() const
+    {
+        MutexLocker lock(q.m_jobMutex);
+        return q.m_JobList.frontCycle();
+    }
+    /// Whether the newest delivery of normal data queued that channel. Host thread.
+    bool queuedLast(std::int32_t channelID) const
+    {
+        const Channel* const channel = q.m_channels.find(channelID);
+        return channel != nullptr && channel->lastDelivery == q.m_deliveryCounter;
+    }
     /// No buffer is stored anywhere: nothing queued, nothing in the sender's hand.
     bool storeEmpty() const
     {

@@ -128,7 +128,7 @@ std::string shown(const WireCycle& cycle)
     return text;
 }
 
-StreamClient::StreamClient(int port, int receiveBuffer)
+StreamClient::StreamClient(int port, int receiveBuffer, const std::function<bool()>& giveUp)
 {
     const sockaddr_in address = loopback(port);
     waitFor([&] {
@@ -140,7 +140,7 @@ StreamClient::StreamClient(int port, int receiveBuffer)
             return true;
         }
         close();
-        return false;
+        return giveUp && giveUp();
     });
 }
 

@@ -57,8 +57,9 @@ class StreamClient
 {
 public:
     /// Connects to the port on loopback, waiting for a listener until the deadline. `receiveBuffer` bytes of
-    /// socket buffer, 0 for the system's choice: a small one makes a stalled client felt soon.
-    explicit StreamClient(int port, int receiveBuffer = 0);
+    /// socket buffer, 0 for the system's choice: a small one makes a stalled client felt soon. `giveUp` ends
+    /// the wait, asked after each attempt that failed.
+    explicit StreamClient(int port, int receiveBuffer = 0, const std::function<bool()>& giveUp = {});
     ~StreamClient();
 
     StreamClient(const StreamClient&) = delete;

@@ -1,0 +1,44 @@
+#ifndef LODESTONE_TEST_ABUSIVECLIENT_H
+#define LODESTONE_TEST_ABUSIVECLIENT_H
+
+#include <cstddef>
+
+/// A connection that misbehaves. It never waits, so the host's own thread can lead it, a step at a time.
+class AbusiveClient
+{
+public:
+    enum Way
+    {
+        GO,         ///< Reads so many bytes and closes; what it leaves unread makes the kernel reset.
+        RESET,      ///< Reads so many bytes and resets.
+        HALF_CLOSE, ///< Ends its own direction at once, reads so many bytes and closes.
+        GARBAGE,    ///< Sends bytes that nobody reads, then as GO.
+        STALL,      ///< Never reads; stays until it is told to leave.
+        NO_WAYS
+    };
+
+    /// Begins to connect to the port on loopback.
+    AbusiveClient(int port, Way way, std::size_t leaveAt);
+    ~AbusiveClient();
+
+    AbusiveClient(const AbusiveClient&) = delete;
+    AbusiveClient& operator=(const AbusiveClient&) = delete;
+
+    /// Does what can be done now. True when it has left, or has found its connection ended.
+    bool step();
+    /// Goes now, with a reset.
+    void leave();
+    std::size_t bytesRead() const { return m_bytesRead; }
+
+private:
+    bool settled();
+    void close(bool reset);
+
+    const Way m_way;
+    const std::size_t m_leaveAt;
+    int m_sock = -1;
+    bool m_connected = false;
+    std::size_t m_bytesRead = 0;
+};
+
+#endif

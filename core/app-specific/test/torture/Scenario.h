@@ -1,0 +1,163 @@
+#ifndef LODESTONE_TEST_SCENARIO_H
+#define LODESTONE_TEST_SCENARIO_H
+
+#include "ALStructs_extif.h"
+#include "StreamClient.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// What a test program does to the library while a scenario runs: it fails calls, or shuffles threads. This
+/// one does nothing.
+class Disturbance
+{
+public:
+    Disturbance() = default;
+    Disturbance(const Disturbance&) = delete;
+    Disturbance& operator=(const Disturbance&) = delete;
+    virtual ~Disturbance() = default;
+
+    /// The host's thread goes into the library, and is back. Not nested.
+    virtual void hostEnters() {}
+    virtual void hostLeaves() {}
+    /// Asked when a call is back: the texts with which it must have failed. None: it must have succeeded.
+    virtual std::vector<std::string> expectedTexts() const { return {}; }
+    /// Something has gone wrong in the library, so clients may be lost or get nothing.
+    virtual bool happened() const { return false; }
+    /// And nothing more will. Then a frame that failed for it is all that is missing.
+    virtual bool isOver() const { return false; }
+    /// A client will stall: the kernel's buffers of new connections shall be small from now on, and the clock
+    /// of the stall limit fast.
+    virtual void expectStall() {}
+};
+
+/// The host's functions: of this program, or of a library that was loaded.
+struct HostApi
+{
+    alif_int32_t (*init)(alif_int32_t, const alif_int8_t*);
+    alif_int32_t (*apply)(AlgoMeasBuffer*, alif_uint32_t, alif_int32_t);
+    alif_int32_t (*lastError)(alif_int8_t*, alif_uint32_t);
+
+    static HostApi ofThisProgram();
+};
+
+/// Channels of each frame.
+typedef std::vector<std::vector<int>> Frames;
+
+/// One run of a scenario: a host on one thread, the clients on the same one, and whatever they see that is
+/// wrong.
+///
+/// Each channel has a size of its own, and a payload tells its channel and frame, so every byte that a client
+/// gets is checked against what the host delivered. A verb that finds something missing after the disturbance
+/// has happened returns false; without one that is a violation. Scenarios return early then.
+class ScenarioRun
+{
+public:
+    /// All runs of a process may share one port.
+    ScenarioRun(int port, Disturbance& disturbance, HostApi api = HostApi::ofThisProgram());
+    ~ScenarioRun();
+    ScenarioRun(const ScenarioRun&) = delete;
+    ScenarioRun& operator=(const ScenarioRun&) = delete;
+
+    // --- The host ---
+
+    /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
+    bool init(const std::string& tail);
+    /// A string that must be refused with that text.
+    bool initRefused(const std::string& tail, const std::string& text);
+    bool disable();
+    /// The next frame.
+    bool apply(const std::vector<int>& channels, bool constantBuffers = false);
+    /// Other functions from now on.
+    void use(HostApi api) { m_api = api; }
+    /// A child process lives `life` and ends by its exit handlers. The host's thread counts as in the library
+    /// from then on.
+    void inChild(void (*life)(ScenarioRun&));
+    /// The scenario's host is a child: this process has nothing of the library.
+    void hostIsAChild() { m_hostIsHere = false; }
+    bool hostIsHere() const { return m_hostIsHere; }
+    /// Closes the clients and disables the library. Comes last.
+    void end();
+    /// Something else that leads into the library.
+    template<typename Operation>
+    void inLibrary(Operation operation)
+    {
+        m_disturbance.hostEnters();
+        operation();
+        m_disturbance.hostLeaves();
+    }
+
+    // --- Clients, numbered by the scenario ---
+
+    enum Beginning
+    {
+        ONCE,    ///< The first cycle is the ONCE cycle, if there are once channels.
+        ANYWHERE ///< It takes over, or may.
+    };
+    /// `receiveBuffer`: see StreamClient. False if nobody listens.
+    bool connect(int client, Beginning beginning = ONCE, int receiveBuffer = 0);
+    /// Waits until the client has so many bytes to read, or its end.
+    bool await(int client, int byteSize = 1);
+    /// Delivers these frames in turn until the client has read so many more cycles.
+    bool readCycles(int client, int number, const Frames& frames);
+    /// Delivers these frames in turn until the client got one more buffer of that channel, whole.
+    bool readChannel(int client, int channel, const Frames& frames);
+    /// Reads what is there until the connection ends, which it must.
+    bool readToEnd(int client);
+    void close(int client);
+    void vanish(int client); ///< With a reset.
+
+    // --- What comes out ---
+
+    bool disturbed() const
+    {
+        return m_disturbance.happened() && !(m_onlyAFrameFailed && m_disturbance.isOver());
+    }
+    void expectStall() { m_disturbance.expectStall(); }
+    void violation(const std::string& text) { m_violations.push_back(text); }
+    const std::vector<std::string>& violations() const { return m_violations; }
+    int port() const { return m_port; }
+
+private:
+    /// A client, and what it has got so far.
+    struct Reader;
+
+    bool missing(const std::string& text);
+    std::string errorText() const;
+    std::vector<int> onceTogether() const; ///< The first two.
+    bool finish(const std::string& call, alif_int32_t result, const std::string& refusal = "");
+    bool nextCycle(int client, const Frames& frames);
+    bool readOne(int client);
+    void check(Reader& reader, const WireCycle& cycle);
+    void checkOnce(Reader& reader, const WireCycle& cycle);
+    void checkPart(Reader& reader, const WireEntry& entry);
+    void checkBuffer(Reader& reader, const WireEntry& entry);
+
+    const int m_port;
+    Disturbance& m_disturbance;
+    HostApi m_api;
+    bool m_hostIsHere = true;
+    bool m_onlyAFrameFailed = false;
+    int m_splitCount = 1;
+    int m_intermittentCount = 1;
+    std::vector<int> m_onceChannels;
+    bool m_onceApart = false;      ///< A frame has brought one of the first two without the other.
+    unsigned m_constantsSince = 0; ///< The newest frame that brought them as constant buffers.
+    std::size_t m_turn = 0;
+    std::map<int, std::unique_ptr<Reader>> m_clients;
+    std::vector<std::string> m_violations;
+};
+
+struct Scenario
+{
+    const char* name;
+    void (*run)(ScenarioRun&);
+};
+
+/// Each takes some milliseconds if the library's waits are shortened.
+const std::vector<Scenario>& scenarios();
+
+#endif
