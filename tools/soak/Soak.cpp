@@ -1,0 +1,257 @@
+#include "Soak.h"
+
+#include "Lodestone.h"
+
+#include <cstdio>
+#include <deque>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace
+{
+
+const auto CONFIGURATION_TIME = std::chrono::seconds(4);
+const auto TRANSFER_TIME = std::chrono::milliseconds(1200);
+const auto CLOSING_STEP = std::chrono::milliseconds(300);
+const int FIRST_ONCE_CHANNEL =
+    20001; // the store of constant buffers never forgets one, so they are always the same
+const std::uint32_t MOST_UNSETTLED =
+    4000; // deliveries that the oracle may be behind: it needs memory for each
+const int TICKS_A_LINE = 10;
+const unsigned HANG_S = 90; // longer than any wait of this program
+
+typedef CheckingReader::Pace Pace;
+
+// With the first thread of a process a sanitizer starts one of its own, which stays.
+ProcessFigures figuresAtRest()
+{
+    std::thread([] {}).join();
+    return ProcessFigures::now();
+}
+
+} // namespace
+
+Soak::Soak(int seconds, unsigned seed, Interrupted interrupted)
+    : m_seed(seed), m_interrupted(std::move(interrupted)), m_port(freePort()), m_start(Clock::now()),
+      m_end(m_start + std::chrono::seconds(seconds)), m_nextTick(m_start), m_random(seed),
+      m_report(figuresAtRest())
+{}
+
+bool Soak::run()
+{
+    while (!over()) {
+        liveWithOneConfiguration();
+    }
+    std::printf("\n%s", m_report.table(secondsSoFar(), m_seed).c_str());
+    return m_report.allIsWell();
+}
+
+bool Soak::over() const
+{
+    return m_interrupted() || Clock::now() >= m_end;
+}
+
+double Soak::secondsSoFar() const
+{
+    return std::chrono::duration<double>(Clock::now() - m_start).count();
+}
+
+StreamPlan Soak::randomPlan()
+{
+    StreamPlan plan = StreamPlan::random(m_random, false);
+    plan.tagged = true; // the host can't see what is queued, so the stream must tell whose each part is
+    int onceChannel = FIRST_ONCE_CHANNEL;
+    for (auto it = plan.channels.begin(); it != plan.channels.end() && it->first < FIRST_ONCE_CHANNEL;) {
+        if (it->second == 'o') {
+            plan.channels[onceChannel++] = 'o';
+            it = plan.channels.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return plan;
+}
+
+void Soak::liveWithOneConfiguration()
+{
+    m_plan = randomPlan();
+    m_host = std::make_unique<RandomHost>(m_plan, m_random() & 0xFFFFFFFFU);
+    const std::string config = "0," + std::to_string(m_port) + "," + m_plan.text();
+    if (Lodestone::Lodestone_Init(1, config) != 0) {
+        m_report.fault(config + " was refused: " + Lodestone::GetLastErrorString());
+    }
+    ++m_report.configurations;
+    const auto end = Clock::now() + CONFIGURATION_TIME;
+    do {
+        renewConstants();
+        checkedTransfer();
+        abuse();
+    } while (!over() && Clock::now() < end);
+    Lodestone::Lodestone_Init(0, "");
+    m_report.compareRest();
+}
+
+void Soak::renewConstants()
+{
+    m_host->onceChannels();
+    m_constantNumber = m_host->number();
+    apply(1);
+}
+
+void Soak::checkedTransfer()
+{
+    const Pace paces[] = {Pace::FAST, Pace::SLOW, Pace::STUTTERING};
+    const Pace pace = paces[dice(3)];
+    StreamOracle oracle(m_plan, m_constantNumber, false);
+    {
+        CheckingReader reader(std::make_unique<StreamClient>(m_port, pace == Pace::FAST ? 0 : 4096), pace,
+                              static_cast<unsigned>(dice(1 << 30)),
+                              [&](const WireCycle& cycle, bool isNew) { oracle.check(cycle, isNew); });
+        frames(oracle, reader);
+        close(oracle, reader);
+        if (reader.broken()) {
+            oracle.fault("a connection ended in the middle of a cycle");
+        }
+    }
+    oracle.finish();
+    for (const std::string& fault : oracle.faults()) {
+        m_report.fault(m_plan.text() + ": " + fault);
+    }
+    m_report.exact += oracle.counts();
+    ++m_report.transfers;
+}
+
+void Soak::frames(StreamOracle& oracle, CheckingReader& reader)
+{
+    const int restAfter = dice(2) == 0 ? 1 << 30 : 1 + dice(50); // frames, on the average
+    const int takeOvers = dice(2) == 0 ? 1 << 30 : 500;
+    const auto end = Clock::now() + TRANSFER_TIME;
+    while (!over() && Clock::now() < end) {
+        offer(oracle, reader, m_host->someChannels(100));
+        if (dice(takeOvers) == 0 && reader.settledIn() && oracle.lossIsSettled()) {
+            reader.goOnWith(std::make_unique<StreamClient>(m_port));
+            ++m_report.takeovers;
+        }
+        if (dice(restAfter) == 0) {
+            usleep(200);
+        }
+    }
+}
+
+// The record of one last delivery, made after the queue has run empty, tells of all before.
+void Soak::close(StreamOracle& oracle, CheckingReader& reader)
+{
+    reader.hurry();
+    const std::uint64_t last =
+        m_plan.queueLength > 0 ? 0 : 1; // the sender's last cycle counts itself, or not
+    const auto deadline = testDeadline();
+    while (Clock::now() < deadline) {
+        offer(oracle, reader, m_host->allChannels());
+        const std::uint32_t number = m_host->number();
+        for (const auto end = Clock::now() + CLOSING_STEP; Clock::now() < end; usleep(200)) {
+            if (oracle.settledNumber() >= number && reader.queueLength() == last) {
+                return;
+            }
+        }
+    }
+    oracle.fault("the last delivery never came");
+}
+
+void Soak::offer(StreamOracle& oracle, CheckingReader& reader, const OfferedDelivery& delivery)
+{
+    if (!delivery.buffers.empty()) {
+        oracle.offer(delivery);
+    }
+    apply(0);
+    reader.beat();
+    const auto deadline = Clock::now() + CLOSING_STEP;
+    while (delivery.number - oracle.settledNumber() > MOST_UNSETTLED && oracle.settledNumber() != 0 &&
+           Clock::now() < deadline) {
+        usleep(100);
+    }
+}
+
+void Soak::abuse()
+{
+    const bool mayStall = m_plan.queueLength > 0; // else the host waits for a client that it leads itself
+    for (int k = dice(20); k > 0 && !over(); --k) {
+        const auto way = static_cast<AbusiveClient::Way>(dice(AbusiveClient::STALL));
+        AbusiveClient client(m_port, way, static_cast<std::size_t>(dice(1500)));
+        ++m_report.abusers;
+        if (!framesUntil([&] { return client.step(); })) {
+            m_report.fault("a client got no stream");
+        }
+    }
+    std::deque<AbusiveClient> crowd;
+    for (int k = 0; k < 10; ++k) {
+        const auto way =
+            static_cast<AbusiveClient::Way>(k % (mayStall ? AbusiveClient::NO_WAYS : AbusiveClient::STALL));
+        crowd.emplace_back(m_port, way, static_cast<std::size_t>(dice(1500)));
+        ++m_report.abusers;
+    }
+    for (int k = 0; k < 100; ++k) {
+        uncheckedFrame();
+        for (AbusiveClient& client : crowd) {
+            client.step();
+        }
+    }
+    if (mayStall && dice(3) == 0) {
+        stall();
+    }
+}
+
+// Long enough for the kernel's buffers to fill; now and then until a newcomer has the client cut off.
+void Soak::stall()
+{
+    AbusiveClient client(m_port, AbusiveClient::STALL, 0);
+    AbusiveClient newcomer(m_port, AbusiveClient::GO, 32);
+    m_report.abusers += 2;
+    const auto end = Clock::now() + std::chrono::milliseconds(200);
+    framesUntil([&] { return Clock::now() > end; });
+    if (dice(3) == 0 && !framesUntil([&] { return newcomer.step(); })) {
+        m_report.fault("a newcomer behind a stalled client got no stream");
+    }
+}
+
+bool Soak::framesUntil(const std::function<bool()>& done)
+{
+    const auto deadline = testDeadline();
+    while (!done()) {
+        if (Clock::now() > deadline) {
+            return false;
+        }
+        uncheckedFrame();
+    }
+    return true;
+}
+
+void Soak::uncheckedFrame()
+{
+    m_report.otherBuffers += m_host->someChannels(100).buffers.size();
+    apply(0);
+}
+
+void Soak::apply(int constantBuffers)
+{
+    std::vector<AlgoMeasBuffer>& array = m_host->array();
+    const auto size = static_cast<alif_uint32_t>(array.size());
+    if (Lodestone::Lodestone_Apply(array.data(), size, constantBuffers) != 0) {
+        m_report.fault(Lodestone::GetLastErrorString());
+    }
+    ++m_report.frames;
+    if (Clock::now() >= m_nextTick) {
+        tick();
+    }
+}
+
+void Soak::tick()
+{
+    alarm(HANG_S); // until the next tick
+    m_nextTick += std::chrono::seconds(1);
+    m_report.sampleMemory();
+    if (m_ticks++ % TICKS_A_LINE == 0) {
+        std::printf("%s\n", m_report.progress(secondsSoFar()).c_str());
+        std::fflush(stdout);
+    }
+}
