@@ -2,6 +2,7 @@
 #include "sonde_ld_data.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 namespace
@@ -91,12 +92,14 @@ TEST_F(DiagnosticsTest, RecordShowsThePackagesUpToTheFrameBeforeAndConstantBuffe
     deliver(frame);
     StreamClient client(m_port);
     const std::uint32_t calls = 1 + reachNormalData(client, frame);
+    const auto start = std::chrono::system_clock::now(); // the library's clock
     const WireCycle cycles[] = {
         cycleOf(client, frame),
         cycleOf(client, {{1, "the constant package's channel"}, {10, "x"}}),
         cycleOf(client, frame),
         cycleOf(client, frame),
     };
+    const std::chrono::duration<double, std::milli> passed = std::chrono::system_clock::now() - start;
     const std::uint32_t constantCalls[] = {0, 1, 3, 4};
     const std::uint32_t frameCalls[] = {0, 1, 1, 2};
     for (std::size_t k = 0; k < 4; ++k) {
@@ -116,9 +119,13 @@ TEST_F(DiagnosticsTest, RecordShowsThePackagesUpToTheFrameBeforeAndConstantBuffe
     EXPECT_EQ(after.cumRuntime, before.cumRuntime + static_cast<double>(after.runtime));
     EXPECT_EQ(after.maxRuntime, std::max(before.maxRuntime, after.runtime));
     EXPECT_EQ(after.avgRuntime, static_cast<float>(after.cumRuntime / after.numCalls));
+    EXPECT_LE(after.cumRuntime - Package(cycles[0], 0).cumRuntime, passed.count()) << "milliseconds";
     ASSERT_NE(cycles[3].find(10998), nullptr);
     EXPECT_EQ(cycles[3].find(10998)->payload.substr(8 + 3 * 40), std::string(80, '\0'))
         << "slots nobody uses";
+    deliver(frame);
+    EXPECT_EQ(client.readCycle().channels(), std::vector<std::int32_t>{1}) << "constant buffers come first";
+    EXPECT_EQ(client.readCycle().channels(), std::vector<std::int32_t>{10});
 }
 
 TEST_F(DiagnosticsTest, SkipsShowInTheirDeliveryAndCountForOneTransfer)

@@ -75,6 +75,7 @@ protected:
         stopClock(false);
         EXPECT_EQ(g_threads, 0) << "library threads that nobody has joined";
         EXPECT_FALSE(g_signalsOpen);
+        EXPECT_EQ(g_earlyWakes, 0) << "a wait that burns a core";
     }
 
     /// Delivers until the client has something to read, and reads one cycle.
@@ -363,29 +364,52 @@ TEST_F(InterleavingTest, CycleInHandWhenTheClientIsReplaced)
 
 TEST_F(InterleavingTest, OnceCycleInHandGoesToTheClientThatTakesOver)
 {
-    openQueue("1,1,5:1,o:10,n");
-    auto old = connectClient();
-    Hold accepting(ACCEPT, SERVER);
-    StreamClient young(m_port);
-    ASSERT_TRUE(accepting.awaitHeld());
-    Hold atGate(SLEEP, SENDER, isGate());
-    // The sender is as quick as it can be: the host has only just let go of the queue when the cycle is
-    // taken.
-    const Calls signals(SIGNAL, HOST);
-    const auto wasQueued = [&, isIt = isJobMutex()](const void* mutex) {
-        return isIt(mutex) && signals.sinceThen() > 0;
-    };
-    Hold queued(UNLOCK, HOST, wasQueued);
-    HostCall frame([&] { deliver({{1, "once"}}); });
-    ASSERT_TRUE(queued.awaitHeld());
-    ASSERT_TRUE(atGate.awaitHeld());
-    atGate.release();
-    accepting.release();
-    EXPECT_TRUE(waitFor([&] { return young.somethingWaits() || m_probe->storeEmpty(); }));
-    queued.release();
-    EXPECT_TRUE(young.readCycle().isOnce());
-    EXPECT_TRUE(frame.await());
-    expectStreamGoesOn(young, {{1, "once"}});
+    for (const bool oldCloses : {false, true}) {
+        openQueue("1,1,5:1,o:10,n");
+        auto old = connectClient();
+        if (oldCloses) {
+            old->close();
+            ASSERT_TRUE(waitFor(clientSeenGone));
+        }
+        Hold accepting(ACCEPT, SERVER);
+        StreamClient young(m_port);
+        ASSERT_TRUE(accepting.awaitHeld());
+        Hold atGate(SLEEP, SENDER, isGate());
+        // The sender is as quick as it can be: the host has only just let go of the queue when the cycle is
+        // taken.
+        const Calls signals(SIGNAL, HOST);
+        const auto wasQueued = [&, isIt = isJobMutex()](const void* mutex) {
+            return isIt(mutex) && signals.sinceThen() > 0;
+        };
+        Hold queued(UNLOCK, HOST, wasQueued);
+        HostCall frame([&] { deliver({{1, "once"}}); });
+        ASSERT_TRUE(queued.awaitHeld());
+        ASSERT_TRUE(atGate.awaitHeld());
+        atGate.release();
+        accepting.release();
+        EXPECT_TRUE(waitFor(
+            [&] { return young.somethingWaits() || m_probe->storeEmpty() || !m_probe->senderRunning(); }));
+        queued.release();
+        EXPECT_TRUE(frame.await());
+        // A client that was gone before is no takeover: its cycle is dropped, and the set collected anew.
+        EXPECT_EQ(nextCycle(young, {{1, "anew"}}).entries[0].payload, oldCloses ? "anew" : "once");
+        expectStreamGoesOn(young, {{1, "once"}});
+    }
+}
+
+TEST_F(InterleavingTest, OnceSetNeverMixesFramesBecauseMemoryRanOut)
+{
+    openQueue("1,1,5:1,o:2,o");
+    auto client = connectClient();
+    deliver({{1, "old"}});
+    const Frame frame = {{1, "half"}, {2, "a frame"}};
+    std::vector<AlgoMeasBuffer> array = arrayOf(frame);
+    for (const std::size_t failAt : {1U, 2U, 3U, 4U}) { // two entries, two payloads
+        const AllocationScope scope(failAt);
+        EXPECT_THROW(m_queue->addBuffers(array.data(), 2, false), std::bad_alloc);
+    }
+    deliver({{2, "later"}});
+    EXPECT_EQ(shown(client->readCycle()), "0/0: 1.-1=old 2.-1=later");
 }
 
 TEST_F(InterleavingTest, CycleInHandWithoutSocketOrSender)
@@ -672,4 +696,34 @@ TEST_F(InterleavingTest, ConnectionWithoutDescriptorIsALostOne)
     }));
     resting.release();
     EXPECT_TRUE(nextCycle(client, {{1, "once"}}).isOnce());
+}
+
+TEST(CycleGate, SenderAndServerTakeTurnsHoweverQuickTheyAskAgain)
+{
+    const int rounds = 100;
+    Lodestone::CycleGate gate;
+    std::string course;
+    std::string expected;
+    stopClock(true); // looks in quick succession
+    auto cycle = std::make_unique<Lodestone::CycleGate::Cycle>(gate);
+    const Calls sleeps(SLEEP, HOST);
+    std::thread server([&] {
+        for (int round = 1; round <= rounds; ++round) {
+            const Lodestone::CycleGate::Replacement passage(gate);
+            course += 'r';
+            EXPECT_TRUE(sleeps.await(round)); // the sender waits
+        }
+    });
+    for (int round = 1; round <= rounds && !testing::Test::HasFailure(); ++round) {
+        const Calls looks(LOOK, HOST);
+        EXPECT_TRUE(looks.await(1)); // the server waits
+        cycle.reset();
+        cycle = std::make_unique<Lodestone::CycleGate::Cycle>(gate);
+        course += 'c';
+        expected += "rc";
+    }
+    cycle.reset();
+    server.join();
+    stopClock(false);
+    EXPECT_EQ(course, expected);
 }

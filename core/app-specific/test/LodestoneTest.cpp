@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -139,6 +140,9 @@ TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
     std::string host = "early";
     EXPECT_EQ(0, deliver({{103, host}, {101, "A"}, {102, "a"}, {102, "b"}, {199, "unwanted"}}, 1));
     host.assign("later"); // the host's bytes were copied
+    const std::size_t blocks = AllocationScope::liveBlocks();
+    EXPECT_EQ(0, deliver({{199, "still unwanted"}}, 1));
+    EXPECT_EQ(blocks, AllocationScope::liveBlocks()) << "what was replaced is freed";
     ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o:103,o")));
     EXPECT_EQ(Stored({{101, "A"}, {102, "b"}, {103, "early"}}), storedBuffers());
 
@@ -181,6 +185,26 @@ TEST_F(LodestoneTest, EachFailedAllocationInInitIsReportedAndLeaksNothing)
     EXPECT_EQ(blocks, AllocationScope::liveBlocks());
     StreamClient client(m_port);
     EXPECT_EQ(2U, nextCycle(client, {{1, "one"}, {2, "two"}}).channels().size());
+}
+
+TEST_F(LodestoneTest, ReasonWithoutMemoryForItsWordsIsToldInShortOnes)
+{
+    const std::string item(500, 'x'); // a longer text than any before
+    const std::string refused = config("1,1,20:" + item);
+    std::set<std::string> reasons;
+    bool failed = true;
+    for (std::size_t n = 1; failed; ++n) {
+        ASSERT_LT(n, 200U);
+        {
+            const AllocationScope scope(n);
+            EXPECT_EQ(1, Lodestone_Init(1, refused));
+            failed = scope.failed();
+        }
+        reasons.insert(GetLastErrorString());
+    }
+    EXPECT_EQ(
+        std::set<std::string>({"Invalid channel config item: " + item, "Out of memory", "std::bad_alloc"}),
+        reasons);
 }
 
 TEST_F(LodestoneTest, EachFailedAllocationInApplyLeavesTheStoreOldOrNewAsAWhole)

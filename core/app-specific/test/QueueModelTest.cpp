@@ -182,6 +182,26 @@ TEST_P(QueueModelTest, AnyCourseMatchesPlainLists)
     }
 }
 
+TEST(ChannelTable, FindsEveryConfiguredChannelAndNoOther)
+{
+    std::mt19937 random(testSeed());
+    for (std::size_t size = 1; size <= 1024; size *= 2) { // powers of two fill the table most
+        Lodestone::ConfigStringParser::Config config = {};
+        while (config.splitChannels.size() < size) {
+            config.splitChannels.insert(static_cast<int>(random() % (size < 1024 ? 4096 : 1U << 31)));
+        }
+        Lodestone::ChannelTable table(config);
+        for (int channelID = -2; channelID < 4096; ++channelID) {
+            EXPECT_EQ(table.find(channelID) != nullptr, config.splitChannels.count(channelID) != 0);
+        }
+        for (const int channelID : config.splitChannels) {
+            const Lodestone::Channel* const channel = table.find(channelID);
+            ASSERT_NE(channel, nullptr) << channelID;
+            EXPECT_EQ(channel->channelID, channelID);
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Configurations, QueueModelTest,
                          ::testing::Values("3,2,2:1,n:2,n:3,s:4,s:5,i:0,n", "3,2,-2:1,n:2,n:3,s:4,s:5,i:0,n",
                                            "1,1,3:1,n:2,s:3,i:0,s", "5,3,1:1,s:2,s:3,s:0,i:6,i",

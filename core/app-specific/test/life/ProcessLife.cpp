@@ -4,9 +4,11 @@
 
 #include "LibraryCalls.h"
 #include "Lodestone.h"
+#include "SondeBufferQueue.h"
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -196,6 +198,8 @@ const Deed DEEDS[] = {
      [] {
          StreamClient client(startTap("1,1,5"));
          expectStreamGoesOn(client, "child");
+         REQUIRE(Child([] { apply("grandchild"); }).endsWell());
+         expectStreamGoesOn(client, "child again");
      }},
 #endif
 };
@@ -208,7 +212,23 @@ void forks()
         REQUIRE(Child(deed.live).endsWell());
         expectStreamGoesOn(client, deed.what);
     }
+
+    int ends[2];
+    REQUIRE(::pipe(ends) == 0);
+    const Child child([&ends] {
+        ::close(ends[1]);
+        char byte = 0;
+        REQUIRE(::read(ends[0], &byte, 1) == 0);
+    });
     Lodestone::Lodestone_Init(0, "");
+    REQUIRE(client.waitForEnd()); // whatever the child has inherited
+    ::close(ends[1]);
+    REQUIRE(child.endsWell());
+
+    Lodestone::ConfigStringParser parser;
+    parser.parseString("0," + std::to_string(freePort()) + ",1,1,5:10,n");
+    auto queue = std::make_unique<Lodestone::SondeBufferQueue>(parser.getConfig());
+    REQUIRE(Child([&queue] { queue.reset(); }).endsWell());
 }
 
 void forksBesideACall()

@@ -28,6 +28,7 @@ std::atomic<int> g_createFault{0};
 std::atomic<bool> g_serverAllocationFault{false};
 std::atomic<void (*)()> g_atRest{nullptr};
 std::atomic<int> g_threads{0};
+std::atomic<int> g_earlyWakes{0};
 std::atomic<bool> g_signalsOpen{false};
 std::atomic<std::size_t> g_senderAllocations{0};
 std::atomic<int> g_connection{-1};
@@ -256,6 +257,18 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now)
     return 0;
 }
 
+namespace
+{
+
+bool isAhead(const timespec& moment)
+{
+    timespec now;
+    __real_clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec != moment.tv_sec ? now.tv_sec < moment.tv_sec : now.tv_nsec < moment.tv_nsec;
+}
+
+} // namespace
+
 int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument)
 {
@@ -299,14 +312,13 @@ int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit)
 {
     Hold::pass(LOOK, condition);
-    if (!g_clockStands) {
-        return __real_pthread_cond_timedwait(condition, mutex, limit);
-    }
+    const bool stands = g_clockStands;
     timespec soon;
     __real_clock_gettime(CLOCK_MONOTONIC, &soon);
     soon = later(soon, 1);
-    const int result = __real_pthread_cond_timedwait(condition, mutex, &soon);
-    g_looks += useUp(g_looksLeft) ? 1 : 0;
+    const int result = __real_pthread_cond_timedwait(condition, mutex, stands ? &soon : limit);
+    g_earlyWakes += result == ETIMEDOUT && isAhead(stands ? soon : *limit) ? 1 : 0;
+    g_looks += stands && useUp(g_looksLeft) ? 1 : 0;
     return result;
 }
 

@@ -102,6 +102,7 @@ extern std::atomic<bool> g_serverAllocationFault;
 extern std::atomic<void (*)()> g_atRest;
 
 extern std::atomic<int> g_threads;                   ///< Library threads that were started and haven't ended.
+extern std::atomic<int> g_earlyWakes;                ///< Waits with a limit that ended as if it had passed.
 extern std::atomic<bool> g_signalsOpen;              ///< One of them began with a signal open.
 extern std::atomic<std::size_t> g_senderAllocations; ///< Of the senders that have ended.
 extern std::atomic<int> g_connection;                ///< The descriptor of the newest connection.
