@@ -128,36 +128,6 @@ TEST_F(DiagnosticsTest, RecordShowsThePackagesUpToTheFrameBeforeAndConstantBuffe
     EXPECT_EQ(client.readCycle().channels(), std::vector<std::int32_t>{10});
 }
 
-TEST_F(DiagnosticsTest, SkipsShowInTheirDeliveryAndCountForOneTransfer)
-{
-    start("1,1,1:10,n:11,n");
-    auto client = std::make_unique<StreamClient>(m_port);
-    reachNormalData(*client, {{10, "x"}});
-    SendHooks::holdCycles();
-    deliver({{10, "in hand"}});
-    EXPECT_TRUE(waitFor([] { return SendHooks::cycleHeld(); }));
-    deliver({{10, "queued"}});
-    deliver({{10, "skipped"}, {11, "x"}});
-    SendHooks::releaseCycles();
-    std::vector<WireCycle> cycles = {client->readCycle(), client->readCycle(), client->readCycle()};
-    cycles.push_back(cycleOf(*client, {{10, "x"}, {11, "x"}}));
-    const std::uint64_t base = numSkippedOf(cycles[0]); // while the client was awaited
-    const unsigned queueLength[] = {0, 1, 0, 0};
-    const unsigned skipped[] = {0, 0, 1, 0};
-    const unsigned numSkipped[] = {0, 0, 1, 1};
-    for (std::size_t k = 0; k < 4; ++k) {
-        EXPECT_EQ(queueLengthOf(cycles[k]), queueLength[k]) << k;
-        EXPECT_EQ(Package(cycles[k], 0).skipped, skipped[k]) << k;
-        EXPECT_EQ(numSkippedOf(cycles[k]) - base, numSkipped[k]) << k;
-    }
-
-    client->close();
-    client = std::make_unique<StreamClient>(m_port);
-    const WireCycle cycle = deliverAndRead(*client, {{10, "next transfer"}});
-    EXPECT_EQ(numSkippedOf(cycle), 0U);
-    EXPECT_GT(Package(cycle, 0).numCalls, Package(cycles[3], 0).numCalls) << "slots run on";
-}
-
 TEST_F(DiagnosticsTest, HostThatWaitedSaysSo)
 {
     start("1,1,-1:10,n:11,n");

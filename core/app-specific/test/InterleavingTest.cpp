@@ -172,29 +172,6 @@ protected:
 
 // --- Start, stop, join ---
 
-TEST_F(InterleavingTest, StopIsNotLostBetweenTheSendersTestAndItsSleep)
-{
-    for (const bool destroy : {false, true}) {
-        Hold beforeSleep(SLEEP, SENDER);
-        openQueue("1,1,5:10,n");
-        ASSERT_TRUE(beforeSleep.awaitHeld()); // it has seen that it is wanted
-        Hold atMutex(LOCK, HOST, isJobMutex());
-        Hold behindMutex(UNLOCK, HOST, isJobMutex());
-        const Calls signals(SIGNAL, HOST);
-        const Calls sleeps(SLEEP, SENDER);
-        HostCall stop([&] { destroy ? m_queue.reset() : static_cast<void>(deliver({{10, "no client"}})); });
-        EXPECT_TRUE(waitFor([&] { return atMutex.held() || signals.sinceThen() > 0; }));
-        atMutex.release();
-        beforeSleep.release();
-        EXPECT_TRUE(behindMutex.awaitHeld());
-        // Awake and on its way out, or asleep again if the signal came before the news.
-        EXPECT_TRUE(waitFor([&] { return g_threads == 1 || sleeps.sinceThen() > 0; }));
-        behindMutex.release();
-        EXPECT_TRUE(stop.await()) << "the stop was lost";
-        EXPECT_EQ(g_threads, destroy ? 0 : 1);
-    }
-}
-
 TEST_F(InterleavingTest, SenderThatEndedByItselfIsJoinedBeforeAnybodyGoesOn)
 {
     for (const std::string who : {"reset", "next start", "destructor"}) {
@@ -219,42 +196,6 @@ TEST_F(InterleavingTest, SenderThatEndedByItselfIsJoinedBeforeAnybodyGoesOn)
         EXPECT_TRUE(needer.await());
         EXPECT_EQ(g_threads, destroy ? 0 : 1 + creates.sinceThen());
     }
-}
-
-TEST_F(InterleavingTest, ConstructorThatFailsLeavesNoThread)
-{
-    const std::string texts[] = {"Unable to create sender thread",
-                                 "Unable to create server thread (pthread_create)"};
-    for (const int failing : {1, 2}) {
-        g_createFault = failing;
-        try {
-            openQueue("1,1,5:10,n");
-            ADD_FAILURE() << "built without thread " << failing;
-        } catch (const std::runtime_error& e) {
-            EXPECT_EQ(e.what(), texts[failing - 1]);
-        }
-        EXPECT_EQ(g_threads, 0);
-    }
-}
-
-TEST_F(InterleavingTest, SenderThatCannotStartFailsThatFrameOnly)
-{
-    const int port = freePort();
-    ASSERT_EQ(Lodestone::Lodestone_Init(1, "0," + std::to_string(port) + ",1,1,5:10,n"), 0);
-    const Frame frame = {{10, "x"}};
-    std::vector<AlgoMeasBuffer> array = arrayOf(frame);
-    const auto apply = [&array] { return Lodestone::Lodestone_Apply(array.data(), 1, 0); };
-    EXPECT_EQ(apply(), 0); // no client: the first sender is stopped
-    g_createFault = 1;
-    StreamClient client(port);
-    EXPECT_TRUE(waitFor([&] { return apply() == 1; }));
-    EXPECT_EQ(Lodestone::GetLastErrorString(), "Unable to create sender thread");
-    EXPECT_TRUE(waitFor([&] {
-        EXPECT_EQ(apply(), 0);
-        return client.somethingWaits();
-    }));
-    EXPECT_EQ(client.readCycle().channels(), std::vector<std::int32_t>{10});
-    EXPECT_EQ(Lodestone::Lodestone_Init(0, ""), 0);
 }
 
 TEST_F(InterleavingTest, ThreadsHaveNamesAndTheHostKeepsItsSignals)
@@ -548,28 +489,6 @@ TEST_F(InterleavingTest, WaitForRoomEndsWithTheSenderOrTheClient)
         if (fault == SendFault::THROW) {
             EXPECT_TRUE(m_probe->senderRunning());
             expectStreamGoesOn(*client, {{10, "x"}});
-        }
-    }
-}
-
-TEST_F(InterleavingTest, StalledClientIsCutOffForWhoeverWaits)
-{
-    const Frame frame = {{1, "once"}, {10, "x"}};
-    for (const bool destroy : {false, true}) {
-        auto stalled = openStream("1,1,2:1,o:10,n", frame, NARROW);
-        stall({{10, BIG}});
-        stopClock(true); // the gate's two seconds are over when it has looked often enough
-        std::unique_ptr<StreamClient> young;
-        if (destroy) {
-            m_queue.reset();
-        } else {
-            young = connectClient();
-        }
-        EXPECT_TRUE(stalled->waitForEnd());
-        stopClock(false);
-        if (young) {
-            EXPECT_TRUE(nextCycle(*young, frame).isOnce());
-            expectStreamGoesOn(*young, frame);
         }
     }
 }

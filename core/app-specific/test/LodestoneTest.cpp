@@ -154,39 +154,6 @@ TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
     EXPECT_EQ(Stored({{101, "A"}, {102, ""}, {103, ""}}), storedBuffers());
 }
 
-TEST_F(LodestoneTest, EachFailedAllocationInInitIsReportedAndLeaksNothing)
-{
-    // Pieces that don't fit into a string's own bytes: the reading allocates in the middle of the string.
-    const std::string text = config("1,1,20:1,n:0000000000000000002,n");
-    const std::string refused = config("00000000001,000000,20:1,n");
-    ASSERT_EQ(0, Lodestone_Init(1, text));
-    EXPECT_EQ(1, Lodestone_Init(1, refused));
-    const std::string refusal = "Value of intermittent count exceeds boundary (1)";
-    EXPECT_EQ(refusal, GetLastErrorString());
-    const std::size_t blocks = AllocationScope::liveBlocks();
-
-    for (const std::string& string : {refused, text}) {
-        bool failed = true;
-        for (std::size_t n = 1; failed; ++n) {
-            ASSERT_LT(n, 200U);
-            Lodestone_QueryVersion(nullptr); // another text in between
-            int result = 0;
-            {
-                const AllocationScope scope(n);
-                result = Lodestone_Init(1, string);
-                failed = scope.failed();
-            }
-            const std::string& reason = GetLastErrorString();
-            EXPECT_EQ(failed || string == refused ? 1 : 0, result) << n;
-            EXPECT_EQ(failed, reason == "std::bad_alloc" || reason == "Out of memory") << n << ": " << reason;
-        }
-        EXPECT_EQ(string == refused, GetLastErrorString() == refusal);
-    }
-    EXPECT_EQ(blocks, AllocationScope::liveBlocks());
-    StreamClient client(m_port);
-    EXPECT_EQ(2U, nextCycle(client, {{1, "one"}, {2, "two"}}).channels().size());
-}
-
 TEST_F(LodestoneTest, ReasonWithoutMemoryForItsWordsIsToldInShortOnes)
 {
     const std::string item(500, 'x'); // a longer text than any before

@@ -52,21 +52,6 @@ TEST_F(SendCallsTest, OneCallForEachHeaderAndEachSlice)
     EXPECT_EQ(sizes, expected);
 }
 
-TEST_F(SendCallsTest, ShortWritesAreContinuedUntilThePieceIsOut)
-{
-    for (const std::size_t byteSize : {std::size_t{1}, std::size_t{7}}) {
-        SendHooks::clear();
-        SendHooks::shortenSends(byteSize);
-        EXPECT_EQ(streamAFewCycles(), CYCLES);
-        Sizes sizes;
-        for (const SendHooks::SendCall& call : SendHooks::sendCalls()) {
-            sizes.push_back(call.byteSize);
-        }
-        ASSERT_GT(sizes.size(), 5U);
-        EXPECT_EQ(sizes[1], 12 - byteSize) << "the rest is offered, not more";
-    }
-}
-
 class FailingSendTest : public HostFixture
 {
 };

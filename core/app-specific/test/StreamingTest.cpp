@@ -3,7 +3,6 @@
 #include "sonde_ld_data.h"
 
 #include <algorithm>
-#include <numeric>
 #include <sstream>
 #include <tuple>
 
@@ -178,58 +177,6 @@ TEST_F(StreamingTest, SliceTable)
     EXPECT_EQ(cut(10, 0, 0), UNTOUCHED) << "there is no such part";
     EXPECT_EQ(cut(10, -1, -2), UNTOUCHED);
     EXPECT_EQ(cut(10, 3, 3), UNTOUCHED);
-}
-
-TEST_F(StreamingTest, SlicesOnTheWire)
-{
-    std::string bytes(100, '\0');
-    std::iota(bytes.begin(), bytes.end(), ' ');
-    for (const int noParts : {1, 3, 5}) {
-        openQueue(std::to_string(noParts) + ",1,9:20,s");
-        auto client = connectClient();
-        reachNormalData({{20, "x"}});
-        for (const Slices& row : SLICES) {
-            if (row.noParts != noParts) {
-                continue;
-            }
-            deliver({{20, bytes.substr(0, static_cast<std::size_t>(row.byteSize))}});
-            for (int part = 0; part < noParts; ++part) {
-                const WireCycle cycle = client->readCycle();
-                ASSERT_TRUE(cycle.complete);
-                const WireEntry& entry = cycle.entries[0];
-                EXPECT_EQ(std::make_tuple(entry.totalSize, entry.numberOfParts, entry.partNumber),
-                          std::make_tuple(row.byteSize, noParts, part));
-                const Slice slice = row.slice(part);
-                EXPECT_EQ(entry.payload, bytes.substr(static_cast<std::size_t>(slice.first),
-                                                      static_cast<std::size_t>(slice.second)));
-            }
-        }
-    }
-}
-
-TEST_F(StreamingTest, NegativeSizesAndMissingMemoryCarryNoBytes)
-{
-    openQueue("2,1,9:10,n:20,s:300,o");
-    auto client = connectClient();
-    const char memory[] = "never looked at";
-    AlgoMeasBuffer once = {nullptr, 0x80000000U, 0, 300};
-    m_queue->addBuffers(&once, 1, false);
-    EXPECT_EQ(client->readCycle().bytes, bytesOf("\0\0\0\0\0\0\0\0\1\0\0\0"
-                                                 "\x2C\1\0\0\1\0\0\0\0\0\0\x80\xFF\xFF\xFF\xFF\0\0\0\0"));
-    reachNormalData({{10, "x"}});
-    AlgoMeasBuffer array[] = {{nullptr, 0xFFFFFFFFU, 0, 10},
-                              {memory, 0x80000000U, 0, 20},
-                              {nullptr, 100, 0, 10},
-                              {memory, 0xFFFFFFF6U, 0, 10},
-                              {memory, 5, 77, 10}};
-    m_queue->addBuffers(array, 5, false);
-    WireCycle cycle = client->readCycle();
-    ASSERT_EQ(shown(cycle), "1/0: 10= 20.0= 10= 10= 10=never");
-    const int sizes[] = {-1, INT32_MIN, 0, -10, 5};
-    for (std::size_t k = 0; k < 5; ++k) {
-        EXPECT_EQ(cycle.entries[k].totalSize, sizes[k]);
-    }
-    EXPECT_EQ(shown(client->readCycle()), "2/0: 20.1=");
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

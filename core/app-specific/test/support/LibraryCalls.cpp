@@ -24,7 +24,6 @@ namespace LibraryCalls
 std::atomic<SendFault> g_sendFault{SendFault::NONE};
 std::atomic<int> g_acceptError{0};
 std::atomic<int> g_acceptFaults{0};
-std::atomic<int> g_createFault{0};
 std::atomic<bool> g_serverAllocationFault{false};
 std::atomic<void (*)()> g_atRest{nullptr};
 std::atomic<int> g_threads{0};
@@ -274,9 +273,6 @@ int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, v
 {
     static void* (*const senderFunction)(void*) = function; // the first thread of any queue
     Hold::pass(CREATE, nullptr);
-    if (useUp(g_createFault) && g_createFault == 0) {
-        return EAGAIN;
-    }
     Start& start = g_starts[g_noStarts++ % 64];
     start = {function, argument, function == senderFunction ? SENDER : SERVER};
     ++g_threads;

@@ -96,7 +96,6 @@ enum class SendFault
 extern std::atomic<SendFault> g_sendFault;
 extern std::atomic<int> g_acceptError;  ///< The errno with which accept fails ...
 extern std::atomic<int> g_acceptFaults; ///< ... so many times.
-extern std::atomic<int> g_createFault;  ///< The so-manyth thread from now on can't be created.
 extern std::atomic<bool> g_serverAllocationFault;
 /// What a thread of the host's does at its next REST, if not null.
 extern std::atomic<void (*)()> g_atRest;

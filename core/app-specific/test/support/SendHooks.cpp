@@ -1,6 +1,5 @@
 #include "SendHooks.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <mutex>
@@ -17,7 +16,6 @@ const std::size_t NEVER = ~std::size_t{0};
 struct State
 {
     std::vector<SendHooks::SendCall> calls;
-    std::size_t most = NEVER;
     std::size_t failIndex = NEVER;
     ssize_t failResult = 0;
     bool failed = false;
@@ -61,9 +59,8 @@ ssize_t __wrap_send(int sock, const void* data, size_t byteSize, int flags)
         errno = EPIPE;
         return g_state.failResult;
     }
-    const std::size_t size = std::min(byteSize, g_state.most);
     lock.unlock(); // the kernel may block
-    return __real_send(sock, data, size, flags);
+    return __real_send(sock, data, byteSize, flags);
 }
 
 int __wrap_usleep(useconds_t wait_us)
@@ -103,12 +100,6 @@ std::vector<SendHooks::SendCall> SendHooks::sendCalls()
 {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return g_state.calls;
-}
-
-void SendHooks::shortenSends(std::size_t byteSize)
-{
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    g_state.most = byteSize;
 }
 
 void SendHooks::failSend(std::size_t index, ssize_t result)

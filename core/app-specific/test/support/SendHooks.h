@@ -25,8 +25,6 @@ public:
 
     /// Calls since the last clear, recorded before the kernel sees their bytes.
     static std::vector<SendCall> sendCalls();
-    /// The kernel gets at most so many bytes of a call.
-    static void shortenSends(std::size_t byteSize);
     /// The call with that index, counted from 0 and from now, returns `result` and sends nothing; as a broken
     /// connection if it is negative.
     static void failSend(std::size_t index, ssize_t result);
