@@ -164,20 +164,25 @@ TEST(PayloadBlockStack, SpliceKeepsAllOfAStackThatWasEmptyBefore)
     EXPECT_TRUE(stack.empty());
 }
 
-TEST(BufferStore, SmallFramesInBlocksOfLargerOnesTrimNothing)
+TEST(BufferStore, SmallFramesInBlocksOfLargerOnesTakeNothingNewAndLetABurstGo)
 {
     Lodestone::BufferStore store(1);
     Lodestone::ReturnedBuffers returned;
-    const auto frame = [&](std::uint64_t byteSize) {
-        returned.blocks.push(store.takeBlock(byteSize));
-        store.recycle(returned);
+    const auto run = [&](int frames) {
+        for (int k = 0; k < frames; ++k) {
+            returned.blocks.push(store.takeBlock(k % 2 == 0 ? 5000 : 3000));
+            store.recycle(returned);
+        }
     };
-    frame(5000);
-    const AllocationScope scope;
-    for (int k = 0; k < 10000; ++k) { // far more than the store looks back
-        frame(k % 2 == 0 ? 3000 : 5000);
+    run(100);
+    const std::size_t before = AllocationScope::liveBlocks();
+    for (int k = 0; k < 100; ++k) {
+        returned.blocks.push(store.takeBlock(100000));
     }
+    const AllocationScope scope;
+    run(10000); // far more than the store looks back
     EXPECT_EQ(scope.count(), 0U);
+    EXPECT_EQ(AllocationScope::liveBlocks(), before);
 }
 
 TEST_F(FramePathTest, MemoryOfWholeBuffersDoesNotWaitForTheLastPart)
