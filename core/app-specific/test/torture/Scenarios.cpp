@@ -147,6 +147,7 @@ void fullQueue(ScenarioRun& run)
     run.init("3,1,5:1,o:10,n:12,n:20,s");
     if (run.connect(1, ScenarioRun::ONCE, NARROW) && run.readCycles(1, 2, {{1, 10}})) {
         repeat(run, 8, {10, 12, 20});
+        run.await(1, STALLED); // so the stop surely finds a cycle under way
     }
     run.disable();
 }
