@@ -104,7 +104,6 @@ void SondeBufferQueue::startSender()
         m_senderRunning = false;
         throw std::runtime_error("Unable to create sender thread");
     }
-    LODESTONE_TEST_POINT(sender_started);
     m_senderJoinable = true;
 }
 
@@ -140,7 +139,6 @@ PerPackageDiag* SondeBufferQueue::addBuffers(AlgoMeasBuffer* measBuffer, std::ui
         return nullptr;
     }
     PerPackageDiag* const diag = registerPackage(measBuffer[0].channelID);
-    LODESTONE_TEST_POINT(frame_wanted);
 
     const std::int32_t maxAppearance = constantBuffer ? 1 : std::abs(m_config.queueLength);
     if (!constantBuffer && m_config.queueLength < 0) {
@@ -308,13 +306,11 @@ void SondeBufferQueue::queueNormalData(const AlgoMeasBuffer* measBuffer, std::ui
 
     const bool skippedChannel = chooseBuffers(measBuffer, measBuffersArraySize, maxAppearance, delivery);
     diag.skipped = skippedChannel ? 1 : 0;
-    LODESTONE_TEST_POINT(buffers_chosen);
     if (delivery.buffers.empty()) {
         m_store.closeUnused(newList);
         return;
     }
     copyPayloads(delivery);
-    LODESTONE_TEST_POINT(payloads_copied);
     const auto noCycles = static_cast<std::uint64_t>(delivery.noCycles);
     const std::uint64_t firstCycle = mergeIntoQueue(newList); // the delivery is the queue's from here on
     LODESTONE_TEST_POINT(delivery_queued);
@@ -527,7 +523,6 @@ bool SondeBufferQueue::sendNextCycle()
     LODESTONE_TEST_POINT(id_taken);
     CycleGate::Cycle passage(m_gate);
     MutexLocker lock(m_socketMutex);
-    LODESTONE_TEST_POINT(socket_held);
     if (m_restartMarked) {
         // The client that this was queued for is gone; a new one must not see the rest of its stream.
         dropJob(job);
@@ -688,7 +683,6 @@ void SondeBufferQueue::jobDone(CycleJob& job)
         m_JobList.finish(job, returned.deliveries);
         publishFront();
     }
-    LODESTONE_TEST_POINT(between_lists);
     MutexLocker lock(m_bufferListMutex);
     m_bufferList.splice(returned);
 }

@@ -62,6 +62,36 @@ bool clientSeenGone()
     return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
+/// A client that comes and is held in the middle of its replacement, so that the sender's next cycle waits at
+/// the gate.
+class Newcomer
+{
+public:
+    Newcomer(int port, std::function<bool(const void*)> isGate)
+        : client(port), m_accepted(m_accepting.awaitHeld()), m_atGate(SLEEP, SENDER, std::move(isGate))
+    {
+        EXPECT_TRUE(m_accepted);
+    }
+
+    /// Waits for the cycle, then lets both go on.
+    void meetCycleAtGate()
+    {
+        EXPECT_TRUE(m_atGate.awaitHeld());
+        m_atGate.release();
+        m_accepting.release();
+    }
+
+private:
+    Hold m_accepting{ACCEPT, SERVER}; // before the client, which it holds
+
+public:
+    StreamClient client;
+
+private:
+    const bool m_accepted;
+    Hold m_atGate; // only the sender's sleeps from here on
+};
+
 } // namespace
 
 /// Interleavings of the three threads that are rare in life, each one forced: a thread is held at a call
@@ -283,23 +313,18 @@ TEST_F(InterleavingTest, CycleInHandWhenTheClientIsReplaced)
             old->close();
             ASSERT_TRUE(waitFor(clientSeenGone));
         }
-        Hold accepting(ACCEPT, SERVER);
-        StreamClient young(m_port);
-        ASSERT_TRUE(accepting.awaitHeld());
-        Hold atGate(SLEEP, SENDER, isGate());
+        Newcomer young(m_port, isGate());
         deliver({{10, "in hand"}});
-        ASSERT_TRUE(atGate.awaitHeld());
-        atGate.release();
-        accepting.release();
+        young.meetCycleAtGate();
         EXPECT_TRUE(waitFor([&] { return oldCloses ? !m_probe->senderRunning() : m_probe->storeEmpty(); }));
         EXPECT_EQ(m_probe->storeEmpty(), !oldCloses || !leftInQueue);
 
         deliver({{1, "once"}, {10, "next"}});
-        const WireCycle cycle = young.readCycle();
+        const WireCycle cycle = young.client.readCycle();
         ASSERT_TRUE(cycle.complete);
         EXPECT_EQ(cycle.entries[0].payload, oldCloses ? "once" : leftInQueue ? "in hand" : "next");
         EXPECT_EQ(cycle.isOnce(), oldCloses);
-        expectStreamGoesOn(young, first);
+        expectStreamGoesOn(young.client, first);
     }
 }
 
@@ -312,10 +337,7 @@ TEST_F(InterleavingTest, OnceCycleInHandGoesToTheClientThatTakesOver)
             old->close();
             ASSERT_TRUE(waitFor(clientSeenGone));
         }
-        Hold accepting(ACCEPT, SERVER);
-        StreamClient young(m_port);
-        ASSERT_TRUE(accepting.awaitHeld());
-        Hold atGate(SLEEP, SENDER, isGate());
+        Newcomer young(m_port, isGate());
         // The sender is as quick as it can be: the host has only just let go of the queue when the cycle is
         // taken.
         const Calls signals(SIGNAL, HOST);
@@ -325,16 +347,15 @@ TEST_F(InterleavingTest, OnceCycleInHandGoesToTheClientThatTakesOver)
         Hold queued(UNLOCK, HOST, wasQueued);
         HostCall frame([&] { deliver({{1, "once"}}); });
         ASSERT_TRUE(queued.awaitHeld());
-        ASSERT_TRUE(atGate.awaitHeld());
-        atGate.release();
-        accepting.release();
-        EXPECT_TRUE(waitFor(
-            [&] { return young.somethingWaits() || m_probe->storeEmpty() || !m_probe->senderRunning(); }));
+        young.meetCycleAtGate();
+        EXPECT_TRUE(waitFor([&] {
+            return young.client.somethingWaits() || m_probe->storeEmpty() || !m_probe->senderRunning();
+        }));
         queued.release();
         EXPECT_TRUE(frame.await());
         // A client that was gone before is no takeover: its cycle is dropped, and the set collected anew.
-        EXPECT_EQ(nextCycle(young, {{1, "anew"}}).entries[0].payload, oldCloses ? "anew" : "once");
-        expectStreamGoesOn(young, {{1, "once"}});
+        EXPECT_EQ(nextCycle(young.client, {{1, "anew"}}).entries[0].payload, oldCloses ? "anew" : "once");
+        expectStreamGoesOn(young.client, {{1, "once"}});
     }
 }
 
