@@ -1,9 +1,12 @@
 #include "HostFixture.h"
+#include "LibraryCalls.h"
 #include "sonde_ld_data.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+
+using namespace LibraryCalls;
 
 namespace
 {
@@ -62,23 +65,20 @@ protected:
             }
             return client.somethingWaits();
         }));
-        WireCycle cycle = client.readCycle();
-        deliver({{11, "mark"}});
-        while (cycle.complete && (cycle.find(11) == nullptr || cycle.find(11)->payload != "mark")) {
-            cycle = client.readCycle();
-        }
-        EXPECT_TRUE(cycle.complete);
+        cycleOf(client, {{11, "mark"}}, 11);
         return deliveries;
     }
 
-    /// The cycle of one more delivery to channel 10; that of the constant buffers comes ahead of it.
-    static WireCycle cycleOf(StreamClient& client, const Frame& frame)
+    /// The first cycle of the newest delivery to a channel, which is free; that of the constant buffers comes
+    /// ahead of it.
+    static WireCycle cycleOf(StreamClient& client, const Frame& frame, int channelID = 10)
     {
         deliver(frame);
-        WireCycle cycle = client.readCycle();
-        while (cycle.complete && cycle.find(10) == nullptr) {
+        WireCycle cycle;
+        do {
             cycle = client.readCycle();
-        }
+        } while (cycle.complete && cycle.find(channelID) == nullptr);
+        EXPECT_TRUE(cycle.complete);
         return cycle;
     }
 };
@@ -137,12 +137,13 @@ TEST_F(DiagnosticsTest, HostThatWaitedSaysSo)
     start("1,1,-1:10,n:11,n");
     StreamClient client(m_port);
     reachNormalData(client, {{10, "x"}});
-    SendHooks::holdCycles();
-    SendHooks::onHostWait([] { SendHooks::releaseCycles(); });
+    Hold inHand(SEND, SENDER);
     deliver({{10, "in hand"}});
-    EXPECT_TRUE(waitFor([] { return SendHooks::cycleHeld(); }));
+    EXPECT_TRUE(inHand.awaitHeld());
     deliver({{11, "beside it"}});
+    g_atRest = [&inHand] { inHand.release(); };
     deliver({{10, "waits"}});
+    g_atRest = nullptr;
     const unsigned waited[] = {0, 0, 1};
     for (std::size_t k = 0; k < 3; ++k) {
         const WireCycle cycle = client.readCycle();

@@ -2,10 +2,8 @@
 
 #include "TCPSocket.h"
 #include "support/AllocationHook.h"
-#include "support/HostFrame.h"
-#include "support/StreamClient.h"
+#include "support/HostFixture.h"
 
-#include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <set>
@@ -17,35 +15,15 @@ using namespace Lodestone;
 namespace
 {
 
-/// A host with one free port. The constant-buffer store belongs to the process, so each case has channels of
-/// its own.
-class LodestoneTest : public testing::Test
+class LodestoneTest : public HostFixture
 {
 protected:
-    ~LodestoneTest() override { Lodestone_Init(0, ""); }
-
-    /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
-    std::string config(const std::string& tail) const { return "0," + std::to_string(m_port) + "," + tail; }
-
-    static int deliver(const Frame& frame, int constantBuffers = 0)
-    {
-        std::vector<AlgoMeasBuffer> array = arrayOf(frame);
-        return Lodestone_Apply(array.data(), static_cast<alif_uint32_t>(array.size()), constantBuffers);
-    }
-
-    /// Delivers `frame` until it brings the client something, and reads one cycle.
-    static WireCycle nextCycle(StreamClient& client, const Frame& frame)
-    {
-        EXPECT_TRUE(waitFor([&] { return client.somethingWaits() || deliver(frame) != 0; }));
-        return client.readCycle();
-    }
-
     /// What the store holds for the once channels, from the ONCE cycle of a new client.
     std::map<int, std::string> storedBuffers()
     {
         m_client.reset(); // a client that takes over from another one gets no once data
         m_client = std::make_unique<StreamClient>(m_port);
-        const WireCycle cycle = nextCycle(*m_client, {});
+        const WireCycle cycle = deliverAndRead(*m_client, {});
         EXPECT_TRUE(cycle.complete && cycle.isOnce());
         std::map<int, std::string> result;
         for (const WireEntry& entry : cycle.entries) {
@@ -55,7 +33,6 @@ protected:
         return result;
     }
 
-    const int m_port = freePort();
     std::unique_ptr<StreamClient> m_client;
 };
 
@@ -78,7 +55,7 @@ TEST_F(LodestoneTest, MisuseIsRefusedInWordsThatALaterSuccessKeeps)
         EXPECT_EQ(1, c.call());
         EXPECT_EQ(c.text, text) << "the reference stays valid";
 
-        EXPECT_EQ(0, deliver({{1, "frame"}}));
+        deliver({{1, "frame"}});
         EXPECT_EQ(0, Lodestone_Apply(nullptr, 0, 1));
         EXPECT_EQ(c.text, text);
     }
@@ -108,49 +85,49 @@ TEST_F(LodestoneTest, DisablingClosesThePortAndAPortInUseIsNoFailure)
 {
     ASSERT_EQ(0, Lodestone_Init(-1, config("1,1,20:1,n")));
     StreamClient client(m_port);
-    EXPECT_TRUE(nextCycle(client, {{1, "one"}}).complete);
+    EXPECT_TRUE(deliverAndRead(client, {{1, "one"}}).complete);
     EXPECT_EQ(0, CLodestone_Lodestone_Init(0, nullptr));
     EXPECT_TRUE(client.waitForEnd());
     EXPECT_EQ(0, Lodestone_Init(0, "not a configuration"));
-    EXPECT_EQ(0, deliver({{1, "one"}}));
+    deliver({{1, "one"}});
 
     const TCPServerSocket holder(m_port); // the port is free again, and taken
     EXPECT_EQ(0, Lodestone_Init(1, config("1,1,-1:1,n")));
-    EXPECT_EQ(0, deliver({{1, "one"}})) << "no wait for room";
+    deliver({{1, "one"}}); // without a wait for room
 }
 
 TEST_F(LodestoneTest, RefusedStringLeavesTheStreamAloneAndAcceptedOneCutsItOff)
 {
-    ASSERT_EQ(0, Lodestone_Init(1, config("1,1,20:1,n")));
+    start("1,1,20:1,n");
     StreamClient client(m_port);
-    const WireCycle before = nextCycle(client, {{1, "one"}});
+    const WireCycle before = deliverAndRead(client, {{1, "one"}});
     EXPECT_EQ(1, Lodestone_Init(1, config("1,1,20:2,n:2,n")));
-    const WireCycle after = nextCycle(client, {{1, "one"}, {2, "two"}});
+    const WireCycle after = deliverAndRead(client, {{1, "one"}, {2, "two"}});
     EXPECT_EQ(before.counter + 1, after.counter) << "the same queue goes on";
     EXPECT_EQ(std::vector<std::int32_t>({1}), after.channels());
     EXPECT_EQ(0, Lodestone_Init(1, config("1,1,20:2,n")));
     EXPECT_TRUE(client.waitForEnd());
     StreamClient other(m_port);
-    EXPECT_EQ(std::vector<std::int32_t>({2}), nextCycle(other, {{1, "one"}, {2, "two"}}).channels());
+    EXPECT_EQ(std::vector<std::int32_t>({2}), deliverAndRead(other, {{1, "one"}, {2, "two"}}).channels());
 }
 
 TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
 {
     typedef std::map<int, std::string> Stored;
     std::string host = "early";
-    EXPECT_EQ(0, deliver({{103, host}, {101, "A"}, {102, "a"}, {102, "b"}, {199, "unwanted"}}, 1));
+    deliver({{103, host}, {101, "A"}, {102, "a"}, {102, "b"}, {199, "unwanted"}}, true);
     host.assign("later"); // the host's bytes were copied
     const std::size_t blocks = AllocationScope::liveBlocks();
-    EXPECT_EQ(0, deliver({{199, "still unwanted"}}, 1));
+    deliver({{199, "still unwanted"}}, true);
     EXPECT_EQ(blocks, AllocationScope::liveBlocks()) << "what was replaced is freed";
-    ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o:103,o")));
+    start("1,3,20:101,o:102,o:103,o");
     EXPECT_EQ(Stored({{101, "A"}, {102, "b"}, {103, "early"}}), storedBuffers());
 
     std::vector<AlgoMeasBuffer> array = arrayOf({{103, "eight"}, {102, ""}});
     array[0].buffer = nullptr; // counts as empty
     EXPECT_EQ(0, Lodestone_Apply(array.data(), 2, -1));
-    EXPECT_EQ(0, deliver({{101, "a frame is not stored"}}));
-    ASSERT_EQ(0, Lodestone_Init(1, config("1,3,20:101,o:102,o:103,o")));
+    deliver({{101, "a frame is not stored"}});
+    start("1,3,20:101,o:102,o:103,o");
     EXPECT_EQ(Stored({{101, "A"}, {102, ""}, {103, ""}}), storedBuffers());
 }
 
@@ -180,8 +157,8 @@ TEST_F(LodestoneTest, EachFailedAllocationInApplyLeavesTheStoreOldOrNewAsAWhole)
         return Frame{{201, std::string(40 + n, 'a')}, {202, std::string(4000 + n, 'b')}, {203, "normal"}};
     };
     const auto stored = [](const Frame& f) { return std::map<int, std::string>(f.begin(), f.begin() + 2); };
-    ASSERT_EQ(0, Lodestone_Init(1, config("1,1,20:201,o:202,o:203,n")));
-    ASSERT_EQ(0, deliver(frame(0), 1));
+    start("1,1,20:201,o:202,o:203,n");
+    deliver(frame(0), true);
     std::map<int, std::string> held = stored(frame(0));
 
     bool failed = true;

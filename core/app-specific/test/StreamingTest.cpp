@@ -1,10 +1,12 @@
-#include "SendHooks.h"
+#include "LibraryCalls.h"
 #include "StreamFixture.h"
 #include "sonde_ld_data.h"
 
 #include <algorithm>
 #include <sstream>
 #include <tuple>
+
+using namespace LibraryCalls;
 
 namespace
 {
@@ -32,19 +34,24 @@ std::string descriptionBytes()
 class StreamingTest : public StreamFixture
 {
 protected:
-    void TearDown() override { SendHooks::clear(); }
+    void TearDown() override { releaseCycles(); }
+
+    /// The sender stops before the first byte of each cycle from now on.
+    void holdCycles() { m_hold = std::make_unique<Hold>(SEND, SENDER, &beginsCycle); }
+    bool cycleHeld() const { return m_hold->held(); }
+    void releaseCycles() { m_hold.reset(); }
 
     /// A held sender has come as far as it can: it stands before a cycle, or there is none.
     void settle()
     {
-        EXPECT_TRUE(waitFor([&] { return SendHooks::cycleHeld() || m_probe->storeEmpty(); }));
+        EXPECT_TRUE(waitFor([&] { return cycleHeld() || m_probe->storeEmpty(); }));
     }
 
     /// A held sender finishes the cycle in its hand, if there is one, and takes the next.
     void takeCycle()
     {
-        if (SendHooks::cycleHeld()) {
-            SendHooks::passCycle();
+        if (cycleHeld()) {
+            holdCycles(); // the next; then this one may go on
         }
         settle();
     }
@@ -52,7 +59,7 @@ protected:
     /// Queues the three parts of a buffer on channel 20 and leaves the sender before the first.
     void holdFirstOfThreeParts()
     {
-        SendHooks::holdCycles();
+        holdCycles();
         deliver({{20, "abc"}});
         settle();
     }
@@ -78,6 +85,9 @@ protected:
         }
         return line;
     }
+
+private:
+    std::unique_ptr<Hold> m_hold;
 };
 
 TEST_F(StreamingTest, NormalCycleByteForByte)
@@ -85,6 +95,7 @@ TEST_F(StreamingTest, NormalCycleByteForByte)
     openQueue("3,1,20:12,s:10,n");
     auto client = connectClient();
     reachNormalData({{10, "x"}});
+    const Calls sends(SEND, SENDER);
     deliver({{10, "AB"}, {12, "0123456789"}});
     const std::string profiling(24, '\0');
     const std::string expected = bytesOf("\0\0\0\0\0\0\0\0\4\0\0\0"
@@ -98,6 +109,12 @@ TEST_F(StreamingTest, NormalCycleByteForByte)
                                  bytesOf("\367\52\0\0\1\0\0\0\0\1\0\0\0\0\0\0\0\1\0\0") + descriptionBytes();
     EXPECT_EQ(client->readCycle().bytes, expected);
     EXPECT_EQ(read(*client, 2), "1/0: 12.1=345 | 2/0: 12.2=6789");
+    EXPECT_TRUE(waitFor([&] { return m_probe->storeEmpty(); }));
+    EXPECT_EQ(sends.sinceThen(), 9 + 7 + 7) << "one for each header and each slice";
+    deliver({{10, ""}});
+    EXPECT_EQ(read(*client, 1), "3/0: 10=");
+    EXPECT_TRUE(waitFor([&] { return m_probe->storeEmpty(); }));
+    EXPECT_EQ(sends.sinceThen(), 9 + 7 + 7 + 6) << "none for no bytes";
 }
 
 TEST_F(StreamingTest, OnceCycleByteForByte)
@@ -244,16 +261,17 @@ protected:
     {
         const auto marked = [&step](char mark) { return step.find(mark) != std::string::npos; };
         bool waited = false;
-        SendHooks::onHostWait([&] {
+        g_atRest = [&] {
             waited = true;
             takeCycle();
-        });
+        };
         Frame frame;
         std::istringstream channels(step);
         for (int channelID = 0; channels >> channelID; channels.ignore()) {
             frame.emplace_back(channelID, std::string(3, m_letter++));
         }
         const Lodestone::PerPackageDiag* const diag = deliver(frame, marked('c'));
+        g_atRest = nullptr;
         settle();
         ASSERT_NE(diag, nullptr);
         EXPECT_EQ(diag->skipped, marked('!') ? 1 : 0);
@@ -271,13 +289,13 @@ TEST_P(StreamingCourseTest, ReachesTheClientAsTold)
     // Without once channels the first delivery only moves the transfer on, whatever it is.
     deliver({{0, ""}, {10, "lost"}});
     ASSERT_EQ(m_probe->state(), NORMAL_DATA);
-    SendHooks::holdCycles();
+    holdCycles();
     std::istringstream steps(GetParam().steps);
     for (std::string step; steps >> step;) {
         SCOPED_TRACE(step);
         step == ">" ? takeCycle() : play(step);
     }
-    SendHooks::releaseCycles();
+    releaseCycles();
     const std::string wire = GetParam().wire;
     const auto noCycles = static_cast<int>(1 + std::count(wire.begin(), wire.end(), '|'));
     EXPECT_EQ(read(*client, noCycles), wire);
@@ -315,12 +333,12 @@ TEST_F(StreamingTest, SecondClientGetsATransferOfItsOwn)
     openQueue("3,5,2:300,o:5,i:10,n:20,s");
     auto first = connectClient();
     reachNormalData({{300, "one"}});
-    SendHooks::holdCycles();
+    holdCycles();
     for (int k = 0; k < 4; ++k) {
         deliver({{5, "555"}, {10, "x"}, {20, "abc"}});
         settle();
     }
-    SendHooks::releaseCycles();
+    releaseCycles();
     EXPECT_EQ(read(*first, 4), "0/0: 300.-5=one | 1/0: 5.0=5 10=x 20.0=a | 2/0: 10=x 5.1=5 20.1=b | "
                                "3/0: 10=x 5.2=5 20.2=c");
     EXPECT_GT(m_probe->numSkipped(), 0U);
@@ -346,12 +364,12 @@ TEST_F(StreamingTest, ClientThatReconnectsQuicklyBeginsWithOnceData)
         if (underWay) {
             holdFirstOfThreeParts();
         }
-        const unsigned waits = SendHooks::gateWaits();
+        const Calls waits(LOOK, SERVER);
         const std::int64_t before = m_probe->connectedID();
         client->close();
         client = std::make_unique<StreamClient>(m_port);
-        EXPECT_TRUE(waitFor([&] { return !underWay || SendHooks::gateWaits() != waits; }));
-        SendHooks::releaseCycles();
+        EXPECT_TRUE(waitFor([&] { return !underWay || waits.sinceThen() != 0; }));
+        releaseCycles();
         EXPECT_TRUE(waitFor([&] { return m_probe->connectedID() == before + 1; }));
         EXPECT_TRUE(m_probe->restartMarked());
 
@@ -374,11 +392,11 @@ TEST_F(StreamingTest, OnceDataOfALostClientIsCollectedAfresh)
     EXPECT_TRUE(m_probe->storeEmpty());
     EXPECT_FALSE(client->somethingWaits());
 
-    SendHooks::holdCycles(); // now the whole set, and the client goes while its cycle is sent
+    holdCycles(); // now the whole set, and the client goes while its cycle is sent
     deliver({{300, "a"}});
     settle();
     client->vanish();
-    SendHooks::releaseCycles();
+    releaseCycles();
     EXPECT_TRUE(waitFor([&] {
         deliver({{10, "x"}}); // the kernel may have taken the cycle; then one of these fails
         return !m_probe->connected();
@@ -405,17 +423,17 @@ TEST_F(StreamingTest, OnlyOnceChannelsServeEveryClientThatComes)
 TEST_F(StreamingTest, TakeoverComesBetweenTwoCyclesAndGoesOnInTheMiddle)
 {
     for (const int queueLength : {-9, 9}) {
-        SendHooks::clear();
+        releaseCycles();
         openQueue("3,1," + std::to_string(queueLength) + ":300,o:10,n:20,s");
         auto first = connectClient();
         reachNormalData({{300, "once"}});
         EXPECT_EQ(shown(first->readCycle()), "0/0: 300.-1=once");
         holdFirstOfThreeParts();
-        const unsigned waits = SendHooks::gateWaits();
+        const Calls waits(LOOK, SERVER);
         StreamClient second(m_port);
-        EXPECT_TRUE(waitFor([&] { return SendHooks::gateWaits() != waits; }));
+        EXPECT_TRUE(waitFor([&] { return waits.sinceThen() != 0; }));
         EXPECT_EQ(m_probe->connectedID(), 0) << "while the cycle is under way";
-        SendHooks::releaseCycles();
+        releaseCycles();
 
         EXPECT_EQ(read(*first, 2), "1/0: 20.0=a | end");
         EXPECT_TRUE(first->waitForEnd());
@@ -494,13 +512,13 @@ TEST_F(StreamingTest, CycleNumbersWrap)
     m_probe->setCycleCounter(0xFFFFFFFEU);
     auto client = connectClient();
     reachNormalData({{10, "x"}});
-    SendHooks::holdCycles();
+    holdCycles();
     deliver({{20, "abcd"}});
     settle();
     deliver({{10, "x"}});
     deliver({{10, "y"}});
     EXPECT_EQ(deliver({{20, "skip"}})->skipped, 1);
-    SendHooks::releaseCycles();
+    releaseCycles();
     EXPECT_EQ(read(*client, 4), "4294967294/0: 20.0=a | 4294967295/0: 10=x 20.1=b | 0/0: 10=y 20.2=c | "
                                 "1/0: 20.3=d");
 }

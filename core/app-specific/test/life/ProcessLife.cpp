@@ -12,6 +12,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <thread>
+#include <utility>
 
 using namespace LibraryCalls;
 
@@ -133,7 +134,12 @@ void exitBesideTheWait()
 
 void exitOutOfTheWait()
 {
-    g_atRest = [] { std::exit(0); }; // as a signal handler might
+    g_atRest = [] { // as a signal handler might
+        static bool exits = false;
+        if (!std::exchange(exits, true)) { // the exit rests itself
+            std::exit(0);
+        }
+    };
     stallInTheWait();
     for (;;) {
         ::pause();

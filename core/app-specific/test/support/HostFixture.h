@@ -3,7 +3,6 @@
 
 #include "HostFrame.h"
 #include "Lodestone.h"
-#include "SendHooks.h"
 #include "StreamClient.h"
 
 #include <gtest/gtest.h>
@@ -16,17 +15,11 @@
 class HostFixture : public ::testing::Test
 {
 protected:
-    void TearDown() override
-    {
-        SendHooks::clear();
-        Lodestone::Lodestone_Init(0, "");
-    }
+    void TearDown() override { Lodestone::Lodestone_Init(0, ""); }
 
-    /// `config` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
-    void start(const std::string& config)
-    {
-        ASSERT_EQ(0, Lodestone::Lodestone_Init(1, "0," + std::to_string(m_port) + "," + config));
-    }
+    /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
+    std::string config(const std::string& tail) const { return "0," + std::to_string(m_port) + "," + tail; }
+    void start(const std::string& tail) { ASSERT_EQ(0, Lodestone::Lodestone_Init(1, config(tail))); }
 
     /// One call of the host, which must succeed.
     static void deliver(const Frame& frame, bool constantBuffers = false)

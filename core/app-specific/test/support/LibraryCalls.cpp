@@ -25,7 +25,7 @@ std::atomic<SendFault> g_sendFault{SendFault::NONE};
 std::atomic<int> g_acceptError{0};
 std::atomic<int> g_acceptFaults{0};
 std::atomic<bool> g_serverAllocationFault{false};
-std::atomic<void (*)()> g_atRest{nullptr};
+std::function<void()> g_atRest;
 std::atomic<int> g_threads{0};
 std::atomic<int> g_earlyWakes{0};
 std::atomic<bool> g_signalsOpen{false};
@@ -188,6 +188,11 @@ void stopClock(bool stop)
     g_clockStands = stop;
 }
 
+bool beginsCycle(const void* byteSize)
+{
+    return *static_cast<const std::size_t*>(byteSize) == 12;
+}
+
 } // namespace LibraryCalls
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -211,7 +216,7 @@ int __real_pthread_cond_signal(pthread_cond_t* condition);
 
 ssize_t __wrap_send(int sock, const void* data, std::size_t size, int flags)
 {
-    Hold::pass(SEND, nullptr);
+    Hold::pass(SEND, &size);
     switch (g_sendFault.exchange(SendFault::NONE)) {
     case SendFault::ERROR:
         errno = EPIPE;
@@ -239,9 +244,8 @@ int __wrap_accept4(int sock, sockaddr* address, socklen_t* length, int flags)
 int __wrap_usleep(useconds_t time_us)
 {
     Hold::pass(REST, nullptr);
-    void (*const atRest)() = t_thread == HOST ? g_atRest.exchange(nullptr) : nullptr;
-    if (atRest != nullptr) {
-        atRest();
+    if (t_thread == HOST && g_atRest) {
+        g_atRest();
     }
     return t_thread == SERVER ? sched_yield()
                               : __real_usleep(time_us); // the server's rest is counted, not waited for

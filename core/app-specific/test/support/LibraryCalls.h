@@ -57,7 +57,8 @@ private:
 class Hold
 {
 public:
-    /// `when` narrows it down; it is asked with the call's mutex or condition, or null, and mustn't block.
+    /// `when` narrows it down; it is asked with the call's mutex or condition, the number of bytes of a SEND
+    /// (a std::size_t), or null, and mustn't block.
     Hold(Call call, Thread thread, std::function<bool(const void*)> when = {});
     ~Hold();
     Hold(const Hold&) = delete;
@@ -97,8 +98,8 @@ extern std::atomic<SendFault> g_sendFault;
 extern std::atomic<int> g_acceptError;  ///< The errno with which accept fails ...
 extern std::atomic<int> g_acceptFaults; ///< ... so many times.
 extern std::atomic<bool> g_serverAllocationFault;
-/// What a thread of the host's does at its next REST, if not null.
-extern std::atomic<void (*)()> g_atRest;
+/// What a thread of the host's does at each REST, if anything. Set it while no such thread can come there.
+extern std::function<void()> g_atRest;
 
 extern std::atomic<int> g_threads;                   ///< Library threads that were started and haven't ended.
 extern std::atomic<int> g_earlyWakes;                ///< Waits with a limit that ended as if it had passed.
@@ -110,6 +111,9 @@ extern std::atomic<int> g_connection;                ///< The descriptor of the 
 /// as much as the waiter would have slept, as long as there are looks left.
 void stopClock(bool stop);
 extern std::atomic<int> g_looksLeft;
+
+/// For a Hold: a SEND with which a cycle begins. It is known by its size, so no payload should have 12 bytes.
+bool beginsCycle(const void* byteSize);
 
 } // namespace LibraryCalls
 
