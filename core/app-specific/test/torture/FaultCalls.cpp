@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -147,6 +148,7 @@ const std::vector<FaultKind>& faultKinds()
                                          {SEND, "send-EINTR", EINTR, K::HURTS},
                                          {SEND, "send-short", K::SHORT, K::HARMLESS},
                                          {SEND, "send-nothing", K::NOTHING, K::HURTS},
+                                         {SEND, "send-throws", K::THROWS, K::HURTS},
                                          {IOCTL, "ioctl", EINVAL, K::HARMLESS},
                                          {GETSOCKOPT, "getsockopt", ENOPROTOOPT, K::HARMLESS},
                                          {CLOCK, "clock-jumps", K::JUMP, K::HURTS},
@@ -341,6 +343,8 @@ ssize_t __wrap_send(int sock, const void* data, size_t size, int flags)
         return __real_send(sock, data, (size + 1) / 2, flags);
     case FaultKind::NOTHING:
         return 0;
+    case FaultKind::THROWS:
+        throw std::bad_alloc();
     default:
         errno = shared().kind.error;
         return -1;

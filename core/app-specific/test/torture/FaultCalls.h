@@ -53,6 +53,7 @@ struct FaultKind
     {
         SHORT = -1,   ///< The kernel takes half of what it is given ...
         NOTHING = -2, ///< ... or nothing.
+        THROWS = -5,  ///< As if something within the library had run out of memory at that point.
         JUMP = -3,    ///< The clock jumps an hour ahead (the system's: back), and stays there.
         STANDS = -4   ///< This one reading shows the time of the first one.
     };

@@ -322,6 +322,10 @@ void ScenarioRun::check(Reader& reader, const WireCycle& cycle)
         violation(reader.name + " gets cycle " + std::to_string(cycle.counter) + " behind " +
                   std::to_string(reader.counter));
     }
+    if (!first && cycle.counter != reader.counter + 1) { // parts may be lost as well
+        reader.parts.clear();
+        reader.beginning = ANYWHERE;
+    }
     reader.counter = cycle.counter;
     if (cycle.isOnce()) {
         checkOnce(reader, cycle);
