@@ -61,6 +61,7 @@ struct ScenarioRun::Reader
 {
     std::string name;
     Beginning beginning;
+    std::vector<int> onceChannels; ///< Of the configuration that it came to.
     StreamClient stream;
     int cycles = 0;
     std::uint32_t counter = 0;      ///< Of the last one.
@@ -217,6 +218,7 @@ bool ScenarioRun::connect(int client, Beginning beginning, int receiveBuffer)
     auto& reader = m_clients[client];
     reader.reset(new Reader{"client " + std::to_string(client),
                             beginning,
+                            m_onceChannels,
                             StreamClient(m_port, receiveBuffer, giveUp),
                             0,
                             0,
@@ -347,7 +349,7 @@ void ScenarioRun::check(Reader& reader, const WireCycle& cycle)
 
 void ScenarioRun::checkOnce(Reader& reader, const WireCycle& cycle)
 {
-    if (cycle.channels() != m_onceChannels || (reader.cycles != 1 && !disturbed())) {
+    if (cycle.channels() != reader.onceChannels || (reader.cycles != 1 && !disturbed())) {
         violation(reader.name + " gets a ONCE cycle that is wrong or comes late");
     }
     reader.newest.clear(); // a transfer of its own
@@ -358,7 +360,7 @@ void ScenarioRun::checkOnce(Reader& reader, const WireCycle& cycle)
         checkBuffer(reader, entry);
         const unsigned frame = reader.newest[entry.channelID];
         if (!m_onceApart && contains(onceTogether(), entry.channelID) &&
-            (frame != reader.newest[m_onceChannels[0]] || frame < m_constantsSince)) {
+            (frame != reader.newest[reader.onceChannels[0]] || frame < m_constantsSince)) {
             violation("a ONCE cycle that is old, or mixed of several frames");
         }
     }
