@@ -3,17 +3,14 @@
 #include "support/LibraryCalls.h"
 #include "support/StreamFixture.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
 #include <set>
-#include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
-#include <tuple>
 
 using namespace LibraryCalls;
 
@@ -61,36 +58,6 @@ bool clientSeenGone()
     pollfd entry = {g_connection, POLLRDHUP, 0};
     return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
-
-/// A client that comes and is held in the middle of its replacement, so that the sender's next cycle waits at
-/// the gate.
-class Newcomer
-{
-public:
-    Newcomer(int port, std::function<bool(const void*)> isGate)
-        : client(port), m_accepted(m_accepting.awaitHeld()), m_atGate(SLEEP, SENDER, std::move(isGate))
-    {
-        EXPECT_TRUE(m_accepted);
-    }
-
-    /// Waits for the cycle, then lets both go on.
-    void meetCycleAtGate()
-    {
-        EXPECT_TRUE(m_atGate.awaitHeld());
-        m_atGate.release();
-        m_accepting.release();
-    }
-
-private:
-    Hold m_accepting{ACCEPT, SERVER}; // before the client, which it holds
-
-public:
-    StreamClient client;
-
-private:
-    const bool m_accepted;
-    Hold m_atGate; // only the sender's sleeps from here on
-};
 
 } // namespace
 
@@ -172,61 +139,9 @@ protected:
     {
         return [job = m_probe->jobCondition()](const void* object) { return object != job; };
     }
-
-    /// A delivery in which each allocation fails in turn, and at last none. Returns how many there are.
-    std::size_t sweepAllocations(const Frame& frame, bool constantBuffer = false)
-    {
-        std::vector<AlgoMeasBuffer> array = arrayOf(frame);
-        const auto look = [this] {
-            return std::make_tuple(m_probe->queued(), m_probe->nextCycle(), m_probe->storeEmpty(),
-                                   m_probe->state());
-        };
-        for (std::size_t failAt = 1;; ++failAt) {
-            const auto before = look();
-            bool thrown = false;
-            const AllocationScope scope(failAt);
-            try {
-                m_queue->addBuffers(array.data(), static_cast<std::uint32_t>(array.size()), constantBuffer);
-            } catch (const std::bad_alloc&) {
-                thrown = true;
-            }
-            const bool failed = scope.failed();
-            EXPECT_EQ(thrown, failed);
-            if (!failed || failAt == 100) {
-                return failAt - 1;
-            }
-            EXPECT_EQ(look(), before) << "failed allocation " << failAt;
-        }
-    }
 };
 
 // --- Start, stop, join ---
-
-TEST_F(InterleavingTest, SenderThatEndedByItselfIsJoinedBeforeAnybodyGoesOn)
-{
-    for (const std::string who : {"reset", "next start", "destructor"}) {
-        SCOPED_TRACE(who);
-        const bool destroy = who == "destructor";
-        auto client = openStream("1,1,5:10,n", {{10, "x"}});
-        const Lodestone::QueueProbe probe(*m_queue);
-        Hold lastSteps(LOCK, SENDER, [&probe](const void*) { return !probe.senderRunning(); });
-        g_sendFault = who == "next start" ? SendFault::THROW : SendFault::ERROR;
-        deliver({{10, "lost"}});
-        ASSERT_TRUE(lastSteps.awaitHeld());
-
-        const bool empty = probe.storeEmpty();
-        const Calls looks(LOOK, HOST);
-        const Calls creates(CREATE, HOST);
-        HostCall needer([&] { destroy ? m_queue.reset() : static_cast<void>(deliver({{10, "x"}})); });
-        EXPECT_TRUE(waitFor([&] { return looks.sinceThen() > 0 || needer.done(); }));
-        ASSERT_FALSE(needer.done()) << "went on beside the old sender";
-        EXPECT_EQ(creates.sinceThen(), 0);
-        EXPECT_EQ(probe.storeEmpty(), empty);
-        lastSteps.release();
-        EXPECT_TRUE(needer.await());
-        EXPECT_EQ(g_threads, destroy ? 0 : 1 + creates.sinceThen());
-    }
-}
 
 TEST_F(InterleavingTest, ThreadsHaveNamesAndTheHostKeepsItsSignals)
 {
@@ -285,22 +200,6 @@ TEST_F(InterleavingTest, OnceCycleIsWholeAndAloneBesideLeftovers)
     EXPECT_EQ(g_senderAllocations, 0U); // for any kind of cycle
 }
 
-TEST_F(InterleavingTest, CycleUnderTransmissionTakesNoMoreBuffers)
-{
-    for (const std::string length : {"-3", "3"}) {
-        auto client = openStream("2,1," + length + ":10,n:20,s", {{10, "x"}});
-        Hold sending(SEND, SENDER);
-        deliver({{20, "ab"}}); // two cycles of parts only
-        ASSERT_TRUE(sending.awaitHeld());
-        deliver({{10, "whole"}});
-        EXPECT_EQ(m_probe->queued(), length == "3" ? 1U : 2U);
-        sending.release();
-        EXPECT_EQ(client->readCycle().channels(), std::vector<std::int32_t>{20});
-        EXPECT_EQ(client->readCycle().channels(), (std::vector<std::int32_t>{10, 20}));
-        awaitStoreEmpty();
-    }
-}
-
 TEST_F(InterleavingTest, CycleInHandWhenTheClientIsReplaced)
 {
     const Frame first = {{1, "once"}, {10, "first"}};
@@ -313,65 +212,24 @@ TEST_F(InterleavingTest, CycleInHandWhenTheClientIsReplaced)
             old->close();
             ASSERT_TRUE(waitFor(clientSeenGone));
         }
-        Newcomer young(m_port, isGate());
+        Hold accepting(ACCEPT, SERVER);
+        StreamClient young(m_port);
+        ASSERT_TRUE(accepting.awaitHeld());
+        Hold atGate(SLEEP, SENDER, isGate()); // only the sender's sleeps from here on
         deliver({{10, "in hand"}});
-        young.meetCycleAtGate();
+        ASSERT_TRUE(atGate.awaitHeld());
+        atGate.release();
+        accepting.release();
         EXPECT_TRUE(waitFor([&] { return oldCloses ? !m_probe->senderRunning() : m_probe->storeEmpty(); }));
         EXPECT_EQ(m_probe->storeEmpty(), !oldCloses || !leftInQueue);
 
         deliver({{1, "once"}, {10, "next"}});
-        const WireCycle cycle = young.client.readCycle();
+        const WireCycle cycle = young.readCycle();
         ASSERT_TRUE(cycle.complete);
         EXPECT_EQ(cycle.entries[0].payload, oldCloses ? "once" : leftInQueue ? "in hand" : "next");
         EXPECT_EQ(cycle.isOnce(), oldCloses);
-        expectStreamGoesOn(young.client, first);
+        expectStreamGoesOn(young, first);
     }
-}
-
-TEST_F(InterleavingTest, OnceCycleInHandGoesToTheClientThatTakesOver)
-{
-    for (const bool oldCloses : {false, true}) {
-        openQueue("1,1,5:1,o:10,n");
-        auto old = connectClient();
-        if (oldCloses) {
-            old->close();
-            ASSERT_TRUE(waitFor(clientSeenGone));
-        }
-        Newcomer young(m_port, isGate());
-        // The sender is as quick as it can be: the host has only just let go of the queue when the cycle is
-        // taken.
-        const Calls signals(SIGNAL, HOST);
-        const auto wasQueued = [&, isIt = isJobMutex()](const void* mutex) {
-            return isIt(mutex) && signals.sinceThen() > 0;
-        };
-        Hold queued(UNLOCK, HOST, wasQueued);
-        HostCall frame([&] { deliver({{1, "once"}}); });
-        ASSERT_TRUE(queued.awaitHeld());
-        young.meetCycleAtGate();
-        EXPECT_TRUE(waitFor([&] {
-            return young.client.somethingWaits() || m_probe->storeEmpty() || !m_probe->senderRunning();
-        }));
-        queued.release();
-        EXPECT_TRUE(frame.await());
-        // A client that was gone before is no takeover: its cycle is dropped, and the set collected anew.
-        EXPECT_EQ(nextCycle(young.client, {{1, "anew"}}).entries[0].payload, oldCloses ? "anew" : "once");
-        expectStreamGoesOn(young.client, {{1, "once"}});
-    }
-}
-
-TEST_F(InterleavingTest, OnceSetNeverMixesFramesBecauseMemoryRanOut)
-{
-    openQueue("1,1,5:1,o:2,o");
-    auto client = connectClient();
-    deliver({{1, "old"}});
-    const Frame frame = {{1, "half"}, {2, "a frame"}};
-    std::vector<AlgoMeasBuffer> array = arrayOf(frame);
-    for (const std::size_t failAt : {1U, 2U, 3U, 4U}) { // two entries, two payloads
-        const AllocationScope scope(failAt);
-        EXPECT_THROW(m_queue->addBuffers(array.data(), 2, false), std::bad_alloc);
-    }
-    deliver({{2, "later"}});
-    EXPECT_EQ(shown(client->readCycle()), "0/0: 1.-1=old 2.-1=later");
 }
 
 TEST_F(InterleavingTest, CycleInHandWithoutSocketOrSender)
@@ -404,89 +262,17 @@ TEST_F(InterleavingTest, CycleInHandWithoutSocketOrSender)
 TEST_F(InterleavingTest, InternalFailureGivesTheSameClientAFreshTransfer)
 {
     const Frame frame = {{1, "once"}, {10, "x"}};
-    for (const std::string length : {"5", "-5"}) {
-        for (const bool inOnceCycle : {false, true}) {
-            SCOPED_TRACE(length + (inOnceCycle ? " ONCE" : " NORMAL"));
-            openQueue("1,1," + length + ":1,o:10,n");
-            auto client = connectClient();
-            if (!inOnceCycle) {
-                reachNormalData(frame);
-                EXPECT_TRUE(client->readCycle().isOnce());
-            }
-            ::testing::internal::CaptureStdout();
-            g_sendFault = SendFault::THROW;
-            deliver(frame);
-            EXPECT_TRUE(waitFor([&] { return !m_probe->senderRunning(); }));
-            EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-                      "Lodestone sender thread exception: std::bad_alloc\n");
-            EXPECT_TRUE(m_probe->connected());
-            // What had left the queue is lost; the rest waits for the next sender.
-            EXPECT_EQ(m_probe->storeEmpty(), length == "5" && !inOnceCycle);
-            WireCycle cycle = nextCycle(*client, frame);
-            while (cycle.complete && !cycle.isOnce()) {
-                cycle = client->readCycle();
-            }
-            EXPECT_TRUE(cycle.complete);
-            expectStreamGoesOn(*client, frame);
-        }
-    }
-}
-
-TEST_F(InterleavingTest, FailureInTheMiddleOfACycleLosesTheClient)
-{
-    auto client = openStream("1,1,5:10,n", {{10, "x"}});
-    const Calls sends(SEND, SENDER);
-    Hold second(SEND, SENDER, [&sends](const void*) { return sends.sinceThen() == 2; });
-    deliver({{10, "cut"}});
-    ASSERT_TRUE(second.awaitHeld());
+    auto client = openStream("1,1,5:1,o:10,n", frame);
+    EXPECT_TRUE(client->readCycle().isOnce());
+    ::testing::internal::CaptureStdout();
     g_sendFault = SendFault::THROW;
-    second.release();
-    EXPECT_TRUE(client->waitForEnd());
-    awaitStoreEmpty();
-    client = connectClient();
-    expectStreamGoesOn(*client, {{10, "x"}});
-}
-
-TEST_F(InterleavingTest, FailedAllocationLeavesTheQueueAsItWas)
-{
-    openQueue("3,1,20:1,o:2,o:10,n:20,s:30,i");
-    auto client = connectClient();
-    EXPECT_GT(sweepAllocations({{1, "first"}, {10, "x"}}), 0U);
-    EXPECT_EQ(m_probe->state(), INITIATE);
-    Hold sending(SEND, SENDER);
-    EXPECT_GT(sweepAllocations({{1, "newer"}, {2, "second"}, {20, "x"}}), 0U);
-    ASSERT_TRUE(sending.awaitHeld());
-    EXPECT_EQ(m_probe->state(), ONCE_DATA);
-    EXPECT_EQ(sweepAllocations({{1, "a"}, {10, "b"}, {20, "c"}, {30, "d"}}), 0U);
-    sending.release();
-    const WireCycle once = client->readCycle();
-    ASSERT_TRUE(once.isOnce());
-    EXPECT_EQ(once.entries[0].payload + once.entries[1].payload, "newersecond");
-
-    // Into an empty queue, beside a cycle under way, beside parts; each time with more bytes than are kept
-    // for reuse.
-    reachNormalData({{10, "x"}});
-    Hold sendingNormal(SEND, SENDER);
-    EXPECT_GT(sweepAllocations({{10, "x"}}, true), 0U);
-    ASSERT_TRUE(sendingNormal.awaitHeld());
-    std::string bytes(1000, 'n');
-    const std::vector<std::vector<int>> frames = {{20}, {10, 30}, {11, 10, 1, 20}, {10, 10}};
-    for (const std::vector<int>& channels : frames) {
-        bytes.append(bytes.size(), 'n');
-        Frame frame;
-        for (const int channelID : channels) {
-            frame.emplace_back(channelID, bytes);
-        }
-        EXPECT_GT(sweepAllocations(frame), 0U);
-        sweepAllocations({{10, bytes}}, true); // at its limit
-    }
-    sendingNormal.release();
-    for (std::uint32_t counter = once.counter + 1; counter != m_probe->nextCycle(); ++counter) {
-        const WireCycle cycle = client->readCycle();
-        EXPECT_EQ(cycle.counter, counter);
-        EXPECT_FALSE(cycle.channels().empty());
-    }
-    expectStreamGoesOn(*client, {{10, "x"}});
+    deliver(frame);
+    EXPECT_TRUE(waitFor([&] { return !m_probe->senderRunning(); }));
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "Lodestone sender thread exception: std::bad_alloc\n");
+    EXPECT_TRUE(m_probe->connected());
+    EXPECT_TRUE(nextCycle(*client, frame).isOnce());
+    expectStreamGoesOn(*client, frame);
 }
 
 // --- Clients that stall, leave and come back; the network's failures ---
@@ -558,31 +344,6 @@ TEST_F(InterleavingTest, SlowClientIsServedToTheEndOfItsCycle)
         if (young) {
             expectStreamGoesOn(*young, {{10, "x"}});
         }
-    }
-}
-
-TEST_F(InterleavingTest, OnlyAClientWhoseOwnEndIsOpenIsTakenOverFrom)
-{
-    const Frame frame = {{1, "once"}, {10, "x"}};
-    const struct
-    {
-        const char* what;
-        void (*leave)(StreamClient&);
-    } cases[] = {{"closed", [](StreamClient& client) { client.close(); }},
-                 {"reset", [](StreamClient& client) { client.vanish(); }},
-                 {"half closed", [](StreamClient& client) { ::shutdown(client.descriptor(), SHUT_WR); }},
-                 {"open", nullptr}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        auto old = openStream("1,1,5:1,o:10,n", frame);
-        EXPECT_TRUE(old->readCycle().isOnce());
-        if (c.leave != nullptr) {
-            c.leave(*old);
-            ASSERT_TRUE(waitFor(clientSeenGone));
-        }
-        auto young = connectClient();
-        EXPECT_EQ(nextCycle(*young, frame).isOnce(), c.leave != nullptr);
-        expectStreamGoesOn(*young, frame);
     }
 }
 
