@@ -171,23 +171,6 @@ void exitInApply()
     }
 }
 
-void exitWithAStalledClient()
-{
-    const int port = freePort();
-    const Child host([port] {
-        stopClock(true);
-        REQUIRE(Lodestone::Lodestone_Init(1, "0," + std::to_string(port) + ",1,1,5:10,n") == 0);
-        narrowConnection();
-        REQUIRE(waitFor([] {
-            apply(big());
-            return count(SEND, SENDER) >= 3;
-        }));
-    });
-    StreamClient client(port, NARROW);
-    REQUIRE(host.endsWell());
-    REQUIRE(client.waitForEnd());
-}
-
 // --- Fork and exec ---
 
 struct Deed
@@ -283,11 +266,8 @@ void exec()
 
 int main(int argc, char** argv)
 {
-    const Deed cases[] = {{"ExitInApply", exitInApply},
-                          {"ExitWithAStalledClient", exitWithAStalledClient},
-                          {"Fork", forks},
-                          {"ForkBesideACall", forksBesideACall},
-                          {"Exec", exec}};
+    const Deed cases[] = {
+        {"ExitInApply", exitInApply}, {"Fork", forks}, {"ForkBesideACall", forksBesideACall}, {"Exec", exec}};
     for (const Deed& c : cases) {
         if (argc == 2 && std::strcmp(argv[1], c.what) == 0) {
             c.live();

@@ -1,6 +1,5 @@
 #include "LibraryCalls.h"
 
-#include "AllocationHook.h"
 #include "CycleGate.h"
 #include "StreamClient.h"
 
@@ -11,7 +10,6 @@
 #include <limits>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -24,12 +22,11 @@ namespace LibraryCalls
 std::atomic<SendFault> g_sendFault{SendFault::NONE};
 std::atomic<int> g_acceptError{0};
 std::atomic<int> g_acceptFaults{0};
-std::atomic<bool> g_serverAllocationFault{false};
+std::atomic<bool> g_acceptThrows{false};
 std::function<void()> g_atRest;
 std::atomic<int> g_threads{0};
 std::atomic<int> g_earlyWakes{0};
 std::atomic<bool> g_signalsOpen{false};
-std::atomic<std::size_t> g_senderAllocations{0};
 std::atomic<int> g_connection{-1};
 std::atomic<int> g_looksLeft{0};
 
@@ -106,9 +103,7 @@ void* runThread(void* argument)
     const Start start = *static_cast<Start*>(argument);
     t_thread = start.thread;
     g_signalsOpen = g_signalsOpen || signalsOpen();
-    const AllocationScope scope;
     void* const result = start.function(start.argument);
-    g_senderAllocations += start.thread == SENDER ? scope.count() : 0;
     --g_threads;
     return result;
 }
@@ -232,6 +227,9 @@ ssize_t __wrap_send(int sock, const void* data, std::size_t size, int flags)
 int __wrap_accept4(int sock, sockaddr* address, socklen_t* length, int flags)
 {
     Hold::pass(ACCEPT, nullptr);
+    if (g_acceptThrows.exchange(false)) {
+        throw std::bad_alloc();
+    }
     if (useUp(g_acceptFaults)) {
         errno = g_acceptError;
         return -1;
@@ -288,12 +286,7 @@ int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, v
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
 {
     Hold::pass(LOCK, mutex);
-    const int result = __real_pthread_mutex_lock(mutex);
-    static thread_local std::optional<AllocationScope> fault; // to the end of the thread that has it
-    if (t_thread == SERVER && g_serverAllocationFault.exchange(false)) {
-        fault.emplace(1);
-    }
-    return result;
+    return __real_pthread_mutex_lock(mutex);
 }
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)

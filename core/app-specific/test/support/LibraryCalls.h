@@ -8,7 +8,7 @@
 /// Stand-ins for the C functions at which the library's threads meet. A test forces an interleaving with
 /// them: it holds a thread at a call and lets the others run. The library itself is unchanged.
 ///
-/// For programs with LibraryCalls.cpp, the allocation hook, and a WRAP of all functions in LibraryCalls.cpp.
+/// For programs with LibraryCalls.cpp and a WRAP of all functions in LibraryCalls.cpp.
 /// The test's own calls come along here too, as those of the host's thread.
 namespace LibraryCalls
 {
@@ -95,17 +95,16 @@ enum class SendFault
     THROW  ///< std::bad_alloc
 };
 extern std::atomic<SendFault> g_sendFault;
-extern std::atomic<int> g_acceptError;  ///< The errno with which accept fails ...
-extern std::atomic<int> g_acceptFaults; ///< ... so many times.
-extern std::atomic<bool> g_serverAllocationFault;
+extern std::atomic<int> g_acceptError;   ///< The errno with which accept fails ...
+extern std::atomic<int> g_acceptFaults;  ///< ... so many times.
+extern std::atomic<bool> g_acceptThrows; ///< std::bad_alloc, once
 /// What a thread of the host's does at each REST, if anything. Set it while no such thread can come there.
 extern std::function<void()> g_atRest;
 
-extern std::atomic<int> g_threads;                   ///< Library threads that were started and haven't ended.
-extern std::atomic<int> g_earlyWakes;                ///< Waits with a limit that ended as if it had passed.
-extern std::atomic<bool> g_signalsOpen;              ///< One of them began with a signal open.
-extern std::atomic<std::size_t> g_senderAllocations; ///< Of the senders that have ended.
-extern std::atomic<int> g_connection;                ///< The descriptor of the newest connection.
+extern std::atomic<int> g_threads;      ///< Library threads that were started and haven't ended.
+extern std::atomic<int> g_earlyWakes;   ///< Waits with a limit that ended as if it had passed.
+extern std::atomic<bool> g_signalsOpen; ///< One of them began with a signal open.
+extern std::atomic<int> g_connection;   ///< The descriptor of the newest connection.
 
 /// Stops the clock of whoever waits for the sender, or lets it run. A stopped one is moved by each look, by
 /// as much as the waiter would have slept, as long as there are looks left.
