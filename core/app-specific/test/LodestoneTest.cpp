@@ -96,21 +96,6 @@ TEST_F(LodestoneTest, DisablingClosesThePortAndAPortInUseIsNoFailure)
     deliver({{1, "one"}}); // without a wait for room
 }
 
-TEST_F(LodestoneTest, RefusedStringLeavesTheStreamAloneAndAcceptedOneCutsItOff)
-{
-    start("1,1,20:1,n");
-    StreamClient client(m_port);
-    const WireCycle before = deliverAndRead(client, {{1, "one"}});
-    EXPECT_EQ(1, Lodestone_Init(1, config("1,1,20:2,n:2,n")));
-    const WireCycle after = deliverAndRead(client, {{1, "one"}, {2, "two"}});
-    EXPECT_EQ(before.counter + 1, after.counter) << "the same queue goes on";
-    EXPECT_EQ(std::vector<std::int32_t>({1}), after.channels());
-    EXPECT_EQ(0, Lodestone_Init(1, config("1,1,20:2,n")));
-    EXPECT_TRUE(client.waitForEnd());
-    StreamClient other(m_port);
-    EXPECT_EQ(std::vector<std::int32_t>({2}), deliverAndRead(other, {{1, "one"}, {2, "two"}}).channels());
-}
-
 TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
 {
     typedef std::map<int, std::string> Stored;
@@ -149,39 +134,6 @@ TEST_F(LodestoneTest, ReasonWithoutMemoryForItsWordsIsToldInShortOnes)
     EXPECT_EQ(
         std::set<std::string>({"Invalid channel config item: " + item, "Out of memory", "std::bad_alloc"}),
         reasons);
-}
-
-TEST_F(LodestoneTest, EachFailedAllocationInApplyLeavesTheStoreOldOrNewAsAWhole)
-{
-    const auto frame = [](std::size_t n) {
-        return Frame{{201, std::string(40 + n, 'a')}, {202, std::string(4000 + n, 'b')}, {203, "normal"}};
-    };
-    const auto stored = [](const Frame& f) { return std::map<int, std::string>(f.begin(), f.begin() + 2); };
-    start("1,1,20:201,o:202,o:203,n");
-    deliver(frame(0), true);
-    std::map<int, std::string> held = stored(frame(0));
-
-    bool failed = true;
-    std::size_t noKept = 0;
-    for (std::size_t n = 1; failed; ++n) {
-        ASSERT_LT(n, 200U);
-        const Frame next = frame(n);
-        std::vector<AlgoMeasBuffer> array = arrayOf(next);
-        Lodestone_QueryVersion(nullptr); // another text in between
-        int result = 0;
-        {
-            const AllocationScope scope(n);
-            result = Lodestone_Apply(array.data(), 3, 1);
-            failed = scope.failed();
-        }
-        EXPECT_EQ(failed ? 1 : 0, result) << n;
-        EXPECT_EQ(failed, GetLastErrorString() == "std::bad_alloc") << n;
-        const std::map<int, std::string> now = storedBuffers();
-        EXPECT_TRUE(now == stored(next) || (failed && now == held)) << n;
-        noKept += now == held ? 1 : 0;
-        held = now;
-    }
-    EXPECT_GE(noKept, 7U) << "three entries, three payloads and the array come before the commit";
 }
 
 } // namespace
