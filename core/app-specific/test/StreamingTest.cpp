@@ -56,14 +56,6 @@ protected:
         settle();
     }
 
-    /// Queues the three parts of a buffer on channel 20 and leaves the sender before the first.
-    void holdFirstOfThreeParts()
-    {
-        holdCycles();
-        deliver({{20, "abc"}});
-        settle();
-    }
-
     /// The client goes and the library has noticed; a client to come finds nothing of this one.
     void loseClient(StreamClient& client, const Frame& frame)
     {
@@ -135,32 +127,6 @@ namespace
 {
 
 typedef std::pair<int, int> Slice; ///< Offset and size.
-
-struct Slices
-{
-    int byteSize;
-    int noParts;
-    std::vector<Slice> slices; // further ones are empty
-
-    Slice slice(int part) const
-    {
-        const auto index = static_cast<std::size_t>(part);
-        return index < slices.size() ? slices[index] : Slice(0, 0);
-    }
-};
-
-const Slices SLICES[] = {
-    {100, 1, {{0, 100}}},
-    {12, 3, {{0, 4}, {4, 4}, {8, 4}}},
-    {10, 3, {{0, 3}, {3, 3}, {6, 4}}},
-    {7, 5, {{0, 1}, {1, 1}, {2, 1}, {3, 1}, {4, 3}}},
-    {3, 5, {{0, 1}, {1, 1}, {2, 1}}},
-    {2, 5, {{0, 1}, {1, 1}}},
-    {2, 3, {{0, 1}, {1, 1}}},
-    {0, 3, {}},
-    {0, 1, {}},
-};
-
 const Slice UNTOUCHED(-7, -7);
 
 Slice cut(int byteSize, int noParts, int partNo)
@@ -173,20 +139,31 @@ Slice cut(int byteSize, int noParts, int partNo)
     return Slice(job.partOffset, job.partByteSize);
 }
 
+/// All of a buffer, "<offset>+<size>" each.
+std::string slicesOf(int byteSize, int noParts)
+{
+    std::string slices;
+    for (int part = 0; part < noParts; ++part) {
+        const Slice slice = cut(byteSize, noParts, part);
+        slices += (part == 0 ? "" : " ") + std::to_string(slice.first) + "+" + std::to_string(slice.second);
+    }
+    return slices;
+}
+
 } // namespace
 
 TEST_F(StreamingTest, SliceTable)
 {
-    for (const Slices& row : SLICES) {
-        for (int part = 0; part < row.noParts; ++part) {
-            EXPECT_EQ(cut(row.byteSize, row.noParts, part), row.slice(part))
-                << row.byteSize << " bytes, part " << part << " of " << row.noParts;
-        }
-    }
-    for (int part = 0; part < 3; ++part) {
-        EXPECT_EQ(cut(-5, 3, part), Slice(0, 0));
-        EXPECT_EQ(cut(INT32_MIN, 3, part), Slice(0, 0));
-    }
+    EXPECT_EQ(slicesOf(100, 1), "0+100");
+    EXPECT_EQ(slicesOf(12, 3), "0+4 4+4 8+4");
+    EXPECT_EQ(slicesOf(10, 3), "0+3 3+3 6+4");
+    EXPECT_EQ(slicesOf(7, 5), "0+1 1+1 2+1 3+1 4+3");
+    EXPECT_EQ(slicesOf(3, 5), "0+1 1+1 2+1 0+0 0+0");
+    EXPECT_EQ(slicesOf(2, 3), "0+1 1+1 0+0");
+    EXPECT_EQ(slicesOf(0, 3), "0+0 0+0 0+0");
+    EXPECT_EQ(slicesOf(0, 1), "0+0");
+    EXPECT_EQ(slicesOf(-5, 3), "0+0 0+0 0+0");
+    EXPECT_EQ(slicesOf(INT32_MIN, 3), "0+0 0+0 0+0");
     EXPECT_EQ(cut(INT32_MAX, 2, 1), Slice(1073741823, 1073741824));
     EXPECT_EQ(cut(10, INT32_MAX, 9), Slice(9, 1));
     EXPECT_EQ(cut(10, INT32_MAX, 10), Slice(0, 0));
@@ -354,33 +331,6 @@ TEST_F(StreamingTest, SecondClientGetsATransferOfItsOwn)
     EXPECT_EQ(read(*second, 2), number(2) + "5.1=i | " + number(3) + "5.2=x");
 }
 
-TEST_F(StreamingTest, ClientThatReconnectsQuicklyBeginsWithOnceData)
-{
-    openQueue("3,1,9:300,o:10,n:20,s");
-    auto client = connectClient();
-    reachNormalData({{300, "0"}});
-    EXPECT_EQ(shown(client->readCycle()), "0/0: 300.-1=0");
-    for (const bool underWay : {false, true}) {
-        if (underWay) {
-            holdFirstOfThreeParts();
-        }
-        const Calls waits(LOOK, SERVER);
-        const std::int64_t before = m_probe->connectedID();
-        client->close();
-        client = std::make_unique<StreamClient>(m_port);
-        EXPECT_TRUE(waitFor([&] { return !underWay || waits.sinceThen() != 0; }));
-        releaseCycles();
-        EXPECT_TRUE(waitFor([&] { return m_probe->connectedID() == before + 1; }));
-        EXPECT_TRUE(m_probe->restartMarked());
-
-        const std::string next = std::to_string(m_probe->nextCycle());
-        reachNormalData({{300, "again"}, {10, "x"}, {20, "xyz"}});
-        deliver({{10, "y"}});
-        EXPECT_EQ(shown(client->readCycle()), next + "/0: 300.-1=again");
-        EXPECT_EQ(client->readCycle().channels(), std::vector<std::int32_t>{10});
-    }
-}
-
 TEST_F(StreamingTest, OnceDataOfALostClientIsCollectedAfresh)
 {
     openQueue("1,1,9:300,o:301,o:10,n");
@@ -407,68 +357,8 @@ TEST_F(StreamingTest, OnceDataOfALostClientIsCollectedAfresh)
     EXPECT_EQ(shown(client->readCycle()), next + "/0: 300.-1=new a 301.-1=new b");
 }
 
-TEST_F(StreamingTest, OnlyOnceChannelsServeEveryClientThatComes)
-{
-    openQueue("1,1,9:300,o:301,o");
-    auto client = connectClient();
-    for (int round = 0; round < 3; ++round) {
-        reachNormalData({{300, "a"}, {301, "b"}});
-        EXPECT_EQ(shown(client->readCycle()), std::to_string(round) + "/0: 300.-1=a 301.-1=b");
-        EXPECT_EQ(deliver({{300, "a"}}), nullptr);
-        client->close();
-        client = connectClient();
-    }
-}
-
-TEST_F(StreamingTest, TakeoverComesBetweenTwoCyclesAndGoesOnInTheMiddle)
-{
-    for (const int queueLength : {-9, 9}) {
-        releaseCycles();
-        openQueue("3,1," + std::to_string(queueLength) + ":300,o:10,n:20,s");
-        auto first = connectClient();
-        reachNormalData({{300, "once"}});
-        EXPECT_EQ(shown(first->readCycle()), "0/0: 300.-1=once");
-        holdFirstOfThreeParts();
-        const Calls waits(LOOK, SERVER);
-        StreamClient second(m_port);
-        EXPECT_TRUE(waitFor([&] { return waits.sinceThen() != 0; }));
-        EXPECT_EQ(m_probe->connectedID(), 0) << "while the cycle is under way";
-        releaseCycles();
-
-        EXPECT_EQ(read(*first, 2), "1/0: 20.0=a | end");
-        EXPECT_TRUE(first->waitForEnd());
-        std::string line = shown(second.readCycle());
-        // A cycle that had left the queue for the old client may be lost with it.
-        if (line != "3/0: 20.2=c" || queueLength < 0) {
-            EXPECT_EQ(line, "2/0: 20.1=b");
-            EXPECT_EQ(shown(second.readCycle()), "3/0: 20.2=c");
-        }
-        EXPECT_EQ(m_probe->state(), NORMAL_DATA);
-        deliver({{10, "on"}, {300, "once"}});
-        EXPECT_EQ(shown(second.readCycle()), "4/0: 10=on");
-    }
-}
-
 // ---------------------------------------------------------------------------------------------------------------------
 // The edges
-
-TEST_F(StreamingTest, PortInUseLeavesAQueueThatIgnoresAllFrames)
-{
-    openQueue("1,1,-1:10,n");
-    auto client = connectClient();
-    Lodestone::ConfigStringParser parser;
-    parser.parseString("0," + std::to_string(m_port) + ",1,1,-1:10,n");
-    Lodestone::SondeBufferQueue other(parser.getConfig());
-    EXPECT_TRUE(waitFor([&] { return !Lodestone::QueueProbe(other).serverRunning(); }));
-    AlgoMeasBuffer buffer = {"x", 1, 0, 10};
-    for (int k = 0; k < 3; ++k) {
-        EXPECT_EQ(other.addBuffers(&buffer, 1, k == 0), nullptr);
-    }
-    EXPECT_EQ(Lodestone::QueueProbe(other).packagesKnown(), 0U);
-    reachNormalData({{10, "x"}});
-    deliver({{10, "unharmed"}});
-    EXPECT_EQ(shown(client->readCycle()), "0/0: 10=unharmed");
-}
 
 TEST_F(StreamingTest, FramesWithoutInterestMoveNothing)
 {
@@ -521,22 +411,4 @@ TEST_F(StreamingTest, CycleNumbersWrap)
     releaseCycles();
     EXPECT_EQ(read(*client, 4), "4294967294/0: 20.0=a | 4294967295/0: 10=x 20.1=b | 0/0: 10=y 20.2=c | "
                                 "1/0: 20.3=d");
-}
-
-TEST_F(StreamingTest, HugeSplitCountStreamsItsFirstPartsAndAResetFreesIt)
-{
-    openQueue("2147483647,1,2:20,s:10,n");
-    auto client = connectClient();
-    reachNormalData({{10, "x"}});
-    deliver({{20, "abc"}});
-    EXPECT_EQ(read(*client, 5), "0/0: 20.0=a | 1/0: 20.1=b | 2/0: 20.2=c | 3/0: 20.3= | 4/0: 20.4=");
-    EXPECT_GT(m_probe->queued(), 1000000000U);
-    EXPECT_EQ(m_probe->nextCycle(), 2147483647U);
-    loseClient(*client, {{20, "def"}});
-    EXPECT_EQ(m_probe->queued(), 0U);
-
-    client = connectClient();
-    reachNormalData({{10, "x"}});
-    deliver({{10, "x"}, {20, "ghi"}});
-    EXPECT_EQ(shown(client->readCycle()), "2147483647/0: 10=x 20.0=g");
 }
