@@ -105,15 +105,6 @@ protected:
         return client;
     }
 
-    /// Delivers more than a connection with little room can take, and waits until the sender is in a send
-    /// that blocks.
-    void stall(const Frame& frame)
-    {
-        const Calls sends(SEND, SENDER);
-        deliver(frame);
-        ASSERT_TRUE(sends.await(3)); // both headers, the first payload
-    }
-
     /// Whether a new buffer of channel 10 still gets through to the client, whatever comes before it.
     void expectStreamGoesOn(StreamClient& client, const Frame& frame)
     {
@@ -126,11 +117,6 @@ protected:
             EXPECT_TRUE(!cycle.complete || !cycle.channels().empty());
         } while (cycle.complete && (cycle.find(10) == nullptr || cycle.find(10)->payload != "goes on"));
         EXPECT_TRUE(cycle.complete);
-    }
-
-    std::function<bool(const void*)> isJobMutex() const
-    {
-        return [mutex = m_probe->jobMutex()](const void* object) { return object == mutex; };
     }
 
     /// The sender waits for a replacement to pass, with a cycle in its hand.
@@ -170,7 +156,7 @@ TEST_F(InterleavingTest, OnceCycleIsWholeAndAloneBesideLeftovers)
     const Frame frame = {{1, "once"}, {10, "whole"}, {20, "abcdef"}};
     auto client = openStream("3,1,5:1,o:10,n:20,s", frame);
     EXPECT_TRUE(client->readCycle().isOnce());
-    g_sendFault = SendFault::THROW;
+    g_sendThrows = true;
     deliver(frame); // its first cycle is lost with the sender, two cycles of parts are left
     ASSERT_TRUE(waitFor([&] { return !m_probe->senderRunning(); }));
 
@@ -232,7 +218,8 @@ TEST_F(InterleavingTest, CycleInHandWithoutSocketOrSender)
 {
     for (const bool destroy : {false, true}) {
         auto client = openStream("1,1,5:10,n", {{10, "x"}});
-        Hold taken(UNLOCK, SENDER, isJobMutex());
+        const void* const jobMutex = m_probe->jobMutex();
+        Hold taken(UNLOCK, SENDER, [jobMutex](const void* mutex) { return mutex == jobMutex; });
         deliver({{10, "in hand"}});
         ASSERT_TRUE(taken.awaitHeld());
         const Calls sends(SEND, SENDER);
@@ -261,7 +248,7 @@ TEST_F(InterleavingTest, InternalFailureGivesTheSameClientAFreshTransfer)
     auto client = openStream("1,1,5:1,o:10,n", frame);
     EXPECT_TRUE(client->readCycle().isOnce());
     ::testing::internal::CaptureStdout();
-    g_sendFault = SendFault::THROW;
+    g_sendThrows = true;
     deliver(frame);
     EXPECT_TRUE(waitFor([&] { return !m_probe->senderRunning(); }));
     EXPECT_EQ(::testing::internal::GetCapturedStdout(),
@@ -289,7 +276,8 @@ TEST_F(InterleavingTest, SlowClientIsServedToTheEndOfItsCycle)
         auto slow = openStream(config, {{10, "x"}}, NARROW);
         const Calls sends(SEND, SENDER);
         const auto allOut = [&] { return sends.sinceThen() == sendsPerCycle; };
-        stall(frame);
+        deliver(frame);
+        ASSERT_TRUE(sends.await(3)); // both headers; the first payload blocks
         stopClock(true);
         g_looksLeft = 0;
         std::unique_ptr<StreamClient> young;

@@ -19,7 +19,7 @@
 namespace LibraryCalls
 {
 
-std::atomic<SendFault> g_sendFault{SendFault::NONE};
+std::atomic<bool> g_sendThrows{false};
 std::atomic<int> g_acceptError{0};
 std::atomic<int> g_acceptFaults{0};
 std::atomic<bool> g_acceptThrows{false};
@@ -203,7 +203,6 @@ int __real_usleep(useconds_t time_us);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __real_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument);
-int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
 int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit);
@@ -212,14 +211,8 @@ int __real_pthread_cond_signal(pthread_cond_t* condition);
 ssize_t __wrap_send(int sock, const void* data, std::size_t size, int flags)
 {
     Hold::pass(SEND, &size);
-    switch (g_sendFault.exchange(SendFault::NONE)) {
-    case SendFault::ERROR:
-        errno = EPIPE;
-        return -1;
-    case SendFault::THROW:
+    if (g_sendThrows.exchange(false)) {
         throw std::bad_alloc();
-    case SendFault::NONE:
-        break;
     }
     return __real_send(sock, data, size, flags);
 }
@@ -281,12 +274,6 @@ int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, v
     const int result = __real_pthread_create(handle, attributes, &runThread, &start);
     g_threads -= result == 0 ? 0 : 1;
     return result;
-}
-
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
-{
-    Hold::pass(LOCK, mutex);
-    return __real_pthread_mutex_lock(mutex);
 }
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)

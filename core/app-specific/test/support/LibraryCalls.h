@@ -20,7 +20,6 @@ enum Call
     SLEEP,  ///< pthread_cond_wait
     LOOK,   ///< pthread_cond_timedwait: whoever waits for the sender looks at the client from time to time.
     SIGNAL, ///< pthread_cond_signal
-    LOCK,
     UNLOCK, ///< The one call where a thread is held behind it.
     REST,   ///< usleep
     CREATE, ///< pthread_create
@@ -88,16 +87,10 @@ private:
 };
 
 /// Faults. Each is used up by the call that has it.
-enum class SendFault
-{
-    NONE,
-    ERROR, ///< As to a lost client.
-    THROW  ///< std::bad_alloc
-};
-extern std::atomic<SendFault> g_sendFault;
+extern std::atomic<bool> g_sendThrows;   ///< std::bad_alloc
+extern std::atomic<bool> g_acceptThrows; ///< The same.
 extern std::atomic<int> g_acceptError;   ///< The errno with which accept fails ...
 extern std::atomic<int> g_acceptFaults;  ///< ... so many times.
-extern std::atomic<bool> g_acceptThrows; ///< std::bad_alloc, once
 /// What a thread of the host's does at each REST, if anything. Set it while no such thread can come there.
 extern std::function<void()> g_atRest;
 
