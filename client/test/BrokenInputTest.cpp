@@ -131,6 +131,7 @@ TEST(RecordDescription, BrokenItemsAreRefusedWithTheirPlace)
         {77, 3, "57: field x has type 0x01 of 3 bytes"},
         {87, 1, "88: a type stands where a name or the end of a structure is due"},
         {93, 's', "88: field s stands twice in its structure"},
+        {99, 0xFF, "88: field y has dimensions that don't fit its structure"},
         {102, 0, "88: field y has dimensions that don't fit its structure"},
         {107, 15, "88: field y overlaps the field before it, or lies before its structure"},
         {good.size(), 0, "123: bytes behind the end of the root structure"},

@@ -75,6 +75,7 @@ TEST(StreamModel, PartsThatAreMissingCostTheirBufferOnly)
         // Begins in the middle of a buffer.
         {"4:1a1 5:1a2 6:1b0 7:1b1 8:1b2", "1 complete, 0 lost, 2 orphans, bbbbbb"},
         // A part is left out, then a cycle.
+        {"4:1a0 5:3c0", "0 complete, 1 lost, 0 orphans, "},
         {"4:1a0 5:3c0 6:1a2,3c1 7:3c2", "0 complete, 1 lost, 1 orphans, "},
         {"4:3c0 5:1a0 6:3c2,1a1 7:1a2", "1 complete, 0 lost, 0 orphans, aaaaaa"},
         {"4:1a0 6:1a1 7:1b0 8:1b1 9:1b2", "1 complete, 1 lost, 1 orphans, bbbbbb"},
