@@ -18,7 +18,6 @@
 
 using namespace LodestoneTap;
 using LodestoneTapTest::Bytes;
-using LodestoneTapTest::DescriptionBytes;
 
 namespace
 {
@@ -172,7 +171,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     const std::size_t length = std::min<std::size_t>(data[1] + 256U * data[2], size - 3);
     const Bytes text(data + 3, data + 3 + length);
     const bool isPayload = (data[0] & 1) != 0;
-    const auto description = decode(isPayload ? text : DescriptionBytes::deflated(text, text.size()));
+    const auto description = decode(isPayload ? text : LodestoneTapTest::deflated(text, text.size()));
     if (description) {
         checkRecord(*description, Bytes(data + 3 + length, data + size));
     }

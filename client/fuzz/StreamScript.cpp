@@ -1,5 +1,6 @@
 #include "StreamScript.h"
 
+#include "DescriptionEncoder.h"
 #include "support/DescriptionBytes.h"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <cstdint>
 
 using namespace LodestoneTapTest;
+using Lodestone::FieldType;
 
 namespace
 {
@@ -52,7 +54,7 @@ private:
 
     Bytes payload(unsigned form)
     {
-        static const Bytes diagnostics = diagnosticsDescriptionPayload(); // takes its time
+        static const Bytes diagnostics = diagnosticsDescription(); // takes its time
         switch (form) {
         case 7:
             return diagnosticsRecord();
@@ -68,20 +70,23 @@ private:
     /// Often one that fits together, so that records follow it.
     Bytes description()
     {
-        static const std::uint32_t types[] = {SIGNED, UNSIGNED, FLOAT, STRUCTURE};
-        DescriptionBytes fields;
-        fields.root("R", next());
+        static const FieldType types[] = {FieldType::SIGNED_INTEGER, FieldType::UNSIGNED_INTEGER,
+                                          FieldType::FLOATING_POINT, FieldType::STRUCTURE};
+        Lodestone::RecordLayout layout;
+        layout.root.name = "R";
+        layout.root.size = next();
         const unsigned count = next() & 7;
         for (unsigned i = 0; i < count; ++i) {
             const unsigned step = next();
-            const std::string name(1 + (step >> 6), static_cast<char>('a' + i));
-            const std::vector<std::uint32_t> extents(step >> 4 & 3, 2);
-            fields.node(name, extents, next(), 1U << (step >> 2 & 3), types[step & 3]);
-            if (types[step & 3] == STRUCTURE) {
-                fields.end();
-            }
+            Lodestone::LayoutNode field;
+            field.name.assign(1 + (step >> 6), static_cast<char>('a' + i));
+            field.dimensions.assign(step >> 4 & 3, 2);
+            field.offset = next();
+            field.size = 1U << (step >> 2 & 3);
+            field.type = types[step & 3];
+            layout.root.fields.push_back(field);
         }
-        return fields.end().payload();
+        return Lodestone::DescriptionEncoder(layout).packed();
     }
 
     const Bytes& m_steps;

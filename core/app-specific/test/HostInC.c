@@ -22,18 +22,13 @@ static int lastErrorIs(const char* expected)
     return CLodestone_GetLastErrorString(text, sizeof text) == 0 && strcmp((const char*)text, expected) == 0;
 }
 
-static alif_int32_t init(alif_int32_t enabled, const char* configStr)
-{
-    return CLodestone_Lodestone_Init(enabled, (const alif_int8_t*)configStr);
-}
-
 int main(void)
 {
     AlgoVersion version = {9, 9, 9};
-    float samples[64] = {1.0F, 2.0F};
-    AlgoMeasBuffer frame[2] = {{0}, {0}};
+    const float samples[64] = {1.0F, 2.0F};
+    AlgoMeasBuffer frame[2] = {{samples, sizeof samples, 0, 1}, {NULL, 0, 0, 2}};
     /* 131072 has no low bits, so the kernel chooses the port. */
-    const char* const config = "0,131072,1,1,20:1,o:2,n";
+    const alif_int8_t* const config = (const alif_int8_t*)"0,131072,1,1,20:1,o:2,n";
 
     check(lastErrorIs(""), "no text before the first failure");
     check(Lodestone_QueryVersion(&version) == 0, "the version is there");
@@ -41,14 +36,10 @@ int main(void)
     check(CLodestone_Lodestone_QueryVersion(NULL) == 1, "a null version is refused");
     check(lastErrorIs("Version struct was a NULL pointer."), "its text");
 
-    frame[0].buffer = samples;
-    frame[0].sizeTotal = sizeof samples;
-    frame[0].channelID = 1;
-    frame[1].channelID = 2;
     check(CLodestone_Lodestone_Apply(frame, 2, 1) == 0, "constant buffers before the start");
-    check(init(1, config) == 0, "a good string is accepted");
+    check(CLodestone_Lodestone_Init(1, config) == 0, "a good string is accepted");
     check(CLodestone_Lodestone_Apply(frame, 2, 0) == 0, "a frame");
-    check(init(0, NULL) == 0, "disabling needs no string");
-    check(init(1, config) == 0, "a second start"); /* left running: the exit handlers stop it */
+    check(CLodestone_Lodestone_Init(0, NULL) == 0, "disabling needs no string");
+    check(CLodestone_Lodestone_Init(1, config) == 0, "a second start"); /* the exit handlers stop it */
     return g_result;
 }

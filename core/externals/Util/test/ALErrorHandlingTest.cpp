@@ -1,5 +1,6 @@
 #include "ALErrorHandling.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -22,7 +23,7 @@ alif_int32_t printUnlock(alif_int32_t handle)
 class ALErrorHandling : public testing::Test
 {
 protected:
-    void attach()
+    void SetUp() override
     {
         ASSERT_EQ(0, ErrorHandling_Init(&run, ALERR_HT_PER_RUN_HISTORY, 1));
         ASSERT_EQ(0, ErrorHandling_Init(&frame, ALERR_HT_PER_FRAME_HISTORY, 1));
@@ -65,11 +66,9 @@ TEST_F(ALErrorHandling, EntriesOfAllKindsOfReports)
                  {"x.txt", 100001, nullptr, "x.txt", "ERR@x.txt:00001"},
                  {"x.txt", -5, nullptr, "x.txt", "ERR@x.txt:0"},
                  {"x.txt", 1, longMessage.c_str(), "x.txt", std::string(127, 'm')}};
-    attach();
     std::memset(run.entries, 'z', sizeof(run.entries)); // as kept from an earlier run
     int32_t count = 0;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.errorMsg);
         const std::string name = c.filename != nullptr ? c.filename : "(null)";
         EXPECT_EQ("Unexpected Error! File " + name + " Line " + std::to_string(c.line) + "\n",
                   report(c.filename, c.line, c.message));
@@ -85,12 +84,10 @@ TEST_F(ALErrorHandling, EntriesOfAllKindsOfReports)
 
 TEST_F(ALErrorHandling, FullOrDamagedHistoryKeepsWhatItHas)
 {
-    attach();
     for (int32_t line = 1; line <= 21; ++line) {
         EXPECT_NE("", report("x", line, nullptr));
     }
-    EXPECT_EQ(20, run.numValidEntries);
-    EXPECT_TRUE(run.entries[0].line == 1 && run.entries[19].line == 20);
+    EXPECT_TRUE(run.numValidEntries == 20 && run.entries[0].line == 1 && run.entries[19].line == 20);
     for (const int32_t damaged : {-1, 21, INT32_MIN}) {
         run.numValidEntries = damaged;
         report("x", 99, nullptr);
@@ -100,28 +97,21 @@ TEST_F(ALErrorHandling, FullOrDamagedHistoryKeepsWhatItHas)
 
 TEST_F(ALErrorHandling, InitEmptiesKeepsOrDetaches)
 {
-    attach();
     report("x", 1, nullptr);
     EXPECT_EQ(1, ErrorHandling_PerFrameErrorOccured());
     EXPECT_EQ(0, ErrorHandling_Init(&run, ALERR_HT_PER_RUN_HISTORY, 0));
     EXPECT_EQ(0, ErrorHandling_Init(&frame, ALERR_HT_PER_FRAME_HISTORY, 1));
-    EXPECT_EQ(0, ErrorHandling_PerFrameErrorOccured());
-    EXPECT_EQ(0, frame.numValidEntries);
+    EXPECT_TRUE(ErrorHandling_PerFrameErrorOccured() == 0 && frame.numValidEntries == 0);
     for (const ALErrorDescription& entry : frame.entries) {
-        EXPECT_EQ(-1, entry.line);
-        EXPECT_EQ(std::string(sizeof(entry.file), '\0'), std::string(entry.file, sizeof(entry.file)));
-        EXPECT_EQ(std::string(sizeof(entry.errorMsg), '\0'),
-                  std::string(entry.errorMsg, sizeof(entry.errorMsg)));
+        EXPECT_TRUE(entry.line == -1 && entry.file[0] == '\0' && entry.errorMsg[0] == '\0');
     }
     EXPECT_EQ(1, ErrorHandling_Init(nullptr, static_cast<ALErrorHistoryType>(2), 1)); // changes nothing
     report("x", 2, nullptr);
-    EXPECT_EQ(2, run.numValidEntries);
-    EXPECT_EQ(1, frame.numValidEntries);
+    EXPECT_TRUE(run.numValidEntries == 2 && frame.numValidEntries == 1);
 
     ErrorHandling_Init(nullptr, ALERR_HT_PER_FRAME_HISTORY, 0);
     report("x", 3, nullptr);
-    EXPECT_EQ(3, run.numValidEntries);
-    EXPECT_EQ(1, frame.numValidEntries);
+    EXPECT_TRUE(run.numValidEntries == 3 && frame.numValidEntries == 1);
     EXPECT_EQ(0, ErrorHandling_PerFrameErrorOccured());
 }
 

@@ -12,7 +12,6 @@ namespace
 {
 
 constexpr float32_t INF = std::numeric_limits<float32_t>::infinity();
-constexpr float32_t NOT_A_NUMBER = std::numeric_limits<float32_t>::quiet_NaN();
 
 // A stretch of memory at every alignment to 16 bytes, with space around it that must stay as it was.
 constexpr int32_t MAX_SIZE = 80;
@@ -30,11 +29,6 @@ struct alignas(16) Memory
 
     uint8_t bytes[MARGIN + 15 + MAX_SIZE + MARGIN];
 };
-
-bool same(float32_t expected, float32_t actual)
-{
-    return expected == actual || (std::isnan(expected) && std::isnan(actual));
-}
 
 Timestamp_t g_now = 0;
 Timestamp_t now()
@@ -109,50 +103,30 @@ TEST(ALUtil, ComparisonFindsADifferenceAtAnyByteInsideOnly)
     EXPECT_EQ(1, al_memcmp(a.at(0), a.at(1), -1));
 }
 
-TEST(ALUtil, SelectionOfFloatsMultipliesTheOtherOperandToo)
+TEST(ALUtil, SelectionMultipliesTheOtherOperandToo)
 {
-    const struct
-    {
-        float32_t a, b, min, max;
-    } cases[] = {{1, 2, 1, 2},
-                 {-3, -4, -4, -3},
-                 {1, INF, NOT_A_NUMBER, INF},
-                 {-INF, 1, -INF, NOT_A_NUMBER},
-                 {1, NOT_A_NUMBER, NOT_A_NUMBER, NOT_A_NUMBER}};
-    for (const auto& c : cases) {
-        EXPECT_TRUE(same(c.min, al_minf(c.a, c.b)) && same(c.max, al_maxf(c.a, c.b))) << c.a << ", " << c.b;
-    }
-    EXPECT_EQ(INT_MIN, al_mini(INT_MAX, INT_MIN));
-    EXPECT_EQ(INT_MAX, al_maxi(INT_MIN, INT_MAX));
-}
-
-TEST(ALUtil, IntervalsAreClosedAndInterpolationHasNoClamp)
-{
+    EXPECT_TRUE(al_minf(1, 2) == 1 && al_minf(-3, -4) == -4 && al_maxf(1, 2) == 2 && al_maxf(-3, -4) == -3);
+    EXPECT_TRUE(std::isnan(al_minf(1, INF)) && al_maxf(1, INF) == INF);
+    EXPECT_TRUE(al_minf(-INF, 1) == -INF && std::isnan(al_maxf(-INF, 1)));
+    EXPECT_TRUE(al_mini(INT_MAX, INT_MIN) == INT_MIN && al_maxi(INT_MIN, INT_MAX) == INT_MAX);
     EXPECT_EQ(1, intervals_overlap(0, 1, 1, 2));
     EXPECT_EQ(0, intervals_overlap(0, 1, 1.5f, 2));
     EXPECT_EQ(0, intervals_overlap(1.5f, 2, 0, 1));
-    EXPECT_EQ(30.0f, interp(0, 4, 0.5f, 10, 20));
 }
 
-TEST(ALUtil, TimestampsConvertBothWaysWithoutOverflow)
+TEST(ALUtil, NumbersComeOutAsKnown)
 {
+    EXPECT_EQ(30.0f, interp(0, 4, 0.5f, 10, 20)); // without a clamp
     EXPECT_EQ(4294967295999999999u, al_sysTimestamp_to_Timestamp64({4294967295u, 999999999u}));
     const AlgoSystemTime time = al_uint64_to_sysTimestamp(4294967295999999999u);
-    EXPECT_EQ(4294967295u, time.seconds);
-    EXPECT_EQ(999999999u, time.nanoSeconds);
-}
+    EXPECT_TRUE(time.seconds == 4294967295u && time.nanoSeconds == 999999999u);
 
-TEST(ALUtil, RandomSequence)
-{
     uint32_t state = 0;
     uint32_t randmax = 0;
     EXPECT_EQ(0u, al_rand(&state, &randmax));
     EXPECT_EQ(21468u, al_rand(&state, &randmax));
     EXPECT_TRUE(state == 3554416254u && randmax == 32767u);
-}
 
-TEST(ALUtil, MovementRelativeToATurningFrame)
-{
     float32_t vx = 0, vy = 0, ax = 0, ay = 0;
     al_convertAbsToRelMovement(&vx, &vy, &ax, &ay, 2, 4, 3, 5, 7, 11, 10, 0.5f);
     EXPECT_TRUE(vx == -5.0f && vy == 4.0f && ax == 11.5f && ay == 12.0f) << vx << vy << ax << ay;
