@@ -56,16 +56,6 @@ protected:
         settle();
     }
 
-    /// The client goes and the library has noticed; a client to come finds nothing of this one.
-    void loseClient(StreamClient& client, const Frame& frame)
-    {
-        client.vanish();
-        EXPECT_TRUE(waitFor([&] {
-            deliver(frame);
-            return !m_probe->connected() && !m_probe->senderRunning() && m_probe->storeEmpty();
-        }));
-    }
-
     /// The next cycles in one line.
     static std::string read(StreamClient& client, int noCycles)
     {
@@ -303,32 +293,6 @@ TEST_F(StreamingTest, OnceSetIsCollectedOverFramesAndTheNewestCopyWins)
     EXPECT_EQ(deliver({{1, "late"}}), nullptr);
     deliver({{1, "late"}, {10, "first"}});
     EXPECT_EQ(shown(client->readCycle()), "1/0: 10=first");
-}
-
-TEST_F(StreamingTest, SecondClientGetsATransferOfItsOwn)
-{
-    openQueue("3,5,2:300,o:5,i:10,n:20,s");
-    auto first = connectClient();
-    reachNormalData({{300, "one"}});
-    holdCycles();
-    for (int k = 0; k < 4; ++k) {
-        deliver({{5, "555"}, {10, "x"}, {20, "abc"}});
-        settle();
-    }
-    releaseCycles();
-    EXPECT_EQ(read(*first, 4), "0/0: 300.-5=one | 1/0: 5.0=5 10=x 20.0=a | 2/0: 10=x 5.1=5 20.1=b | "
-                               "3/0: 10=x 5.2=5 20.2=c");
-    EXPECT_GT(m_probe->numSkipped(), 0U);
-    loseClient(*first, {{300, "one"}, {20, "lost"}});
-
-    const std::uint32_t next = m_probe->nextCycle();
-    EXPECT_GE(next, 4U);
-    auto second = connectClient();
-    reachNormalData({{300, "two"}});
-    deliver({{5, "six"}, {10, "y"}});
-    const auto number = [next](std::uint32_t k) { return std::to_string(next + k) + "/0: "; };
-    EXPECT_EQ(read(*second, 2), number(0) + "300.-5=two | " + number(1) + "5.0=s 10=y");
-    EXPECT_EQ(read(*second, 2), number(2) + "5.1=i | " + number(3) + "5.2=x");
 }
 
 TEST_F(StreamingTest, OnceDataOfALostClientIsCollectedAfresh)
