@@ -273,12 +273,14 @@ STAND_IN(int, accept4, (int sock, sockaddr* address, socklen_t* length, int flag
 
 STAND_IN(ssize_t, send, (int sock, const void* data, size_t size, int flags))
 {
-    const bool hit = failsWithError("send");
-    const int error = hit ? errno : 0;
-    if (!hit || error == FaultKind::SHORT) {
-        return __real_send(sock, data, hit ? (size + 1) / 2 : size, flags);
+    const int how = fails("send") ? shared().fault.kind->error : 0;
+    if (how > 0) {
+        errno = how;
+        return -1;
     }
-    return error == FaultKind::NOTHING ? 0 : -1;
+    return how == FaultKind::NOTHING
+               ? 0
+               : __real_send(sock, data, how == FaultKind::SHORT ? (size + 1) / 2 : size, flags);
 }
 
 STAND_IN(int, clock_gettime, (clockid_t clock, timespec* now))

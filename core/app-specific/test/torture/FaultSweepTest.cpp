@@ -8,23 +8,6 @@
 #include <cstdlib>
 #include <sstream>
 
-// Children end beside threads that still own something. What the host's process leaves is counted here.
-extern "C" const char* __asan_default_options()
-{
-    return "detect_leaks=0";
-}
-
-extern "C" const char* __tsan_default_options()
-{
-    return "atexit_sleep_ms=0:report_thread_leaks=0";
-}
-
-// For the messages of GoogleTest.
-std::ostream& operator<<(std::ostream& stream, const Scenario& scenario)
-{
-    return stream << scenario.name;
-}
-
 namespace
 {
 
@@ -69,7 +52,6 @@ protected:
     {
         labelRun("LODESTONE_FAULT=\"" + std::string(GetParam().name) + " " + fault.kind->name() + " " +
                  std::to_string(fault.number) + (fault.everAfter ? " ever\"" : " once\""));
-        int hits = 0;
         bool hostIsHere = true;
         {
             FaultCalls calls(fault);
@@ -77,8 +59,8 @@ protected:
             GetParam().run(scenario);
             hostIsHere = scenario.hostIsHere();
             scenario.end();
-            hits = FaultCalls::hits();
         }
+        const int hits = FaultCalls::hits();
         if (hostIsHere) {
             streamToACleanClient();
         }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -166,6 +167,12 @@ struct Scenario
     const char* name;
     void (*run)(ScenarioRun&);
 };
+
+/// For the messages of GoogleTest.
+inline std::ostream& operator<<(std::ostream& stream, const Scenario& scenario)
+{
+    return stream << scenario.name;
+}
 
 /// Each takes some milliseconds if the library's waits are shortened.
 const std::vector<Scenario>& scenarios();

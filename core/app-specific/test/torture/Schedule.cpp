@@ -7,14 +7,12 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <iterator>
 #include <linux/futex.h>
 #include <poll.h>
 #include <pthread.h>
 #include <random>
-#include <string_view>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -52,7 +50,7 @@ struct Slot
     pthread_t handle = {};
     void* (*function)(void*) = nullptr;
     void* argument = nullptr;
-    Who who = NOBODY;
+    std::string_view who;
     State state = FREE;
     const char* at = "";
     const void* object = nullptr;  // that it waits for: a mutex, a condition, a thread ...
@@ -64,26 +62,29 @@ struct Slot
 };
 
 Slot g_slots[8];
-thread_local Slot* t_self = nullptr;
-Slot* g_last = nullptr; // whoever ran at the last step
+thread_local Slot* t_self = nullptr; // null for a thread that isn't one of a run
+Slot* g_last = nullptr;              // whoever ran at the last step
 Slot* g_stalled = nullptr;
-bool g_on = false;
-bool g_hostInside = false;
-bool g_stallExpected = false;
 
-Plan g_plan;
-Outcome g_outcome;
-std::mt19937 g_random;
-std::int64_t g_time = 0;
-int g_stepsOfStalled = 0;
+struct Run
+{
+    Plan plan;
+    std::mt19937 random;
+    Outcome outcome;
+    std::int64_t time = 0;
+    int stepsOfStalled = 0;
+    bool hostInside = false;
+    bool stallExpected = false;
+};
+Run g_run;
 
 [[noreturn]] void fail(const char* what)
 {
-    std::fprintf(stderr, "%s at step %d, %lld ms\n", what, g_outcome.steps,
-                 static_cast<long long>(g_time / NS_PER_MS));
+    std::fprintf(stderr, "%s at step %d, %lld ms\n", what, g_run.outcome.steps,
+                 static_cast<long long>(g_run.time / NS_PER_MS));
     for (const Slot& slot : g_slots) {
         if (slot.state != FREE) {
-            std::fprintf(stderr, "  %s at %s\n", nameOf(slot.who), slot.at);
+            std::fprintf(stderr, "  %s at %s\n", slot.who.data(), slot.at);
         }
     }
     std::abort();
@@ -91,13 +92,13 @@ int g_stepsOfStalled = 0;
 
 bool inLibrary(const Slot& slot)
 {
-    return slot.who == SENDER || slot.who == SERVER || (slot.who == HOST && g_hostInside);
+    return slot.who == SENDER || slot.who == SERVER || (slot.who == HOST && g_run.hostInside);
 }
 
 void wake(Slot& slot, bool expired = false)
 {
     if (&slot == g_stalled) {
-        g_outcome.hostWaits = g_slots[0].at;
+        g_run.outcome.hostWaits = g_slots[0].at;
         g_stalled = nullptr;
     }
     slot.state = READY;
@@ -107,16 +108,17 @@ void wake(Slot& slot, bool expired = false)
     slot.expired = expired;
 }
 
-void wakeWaitingFor(const void* object, bool onlyOne = false)
+int wakeWaitingFor(const void* object, bool onlyOne = false)
 {
     for (Slot& slot : g_slots) {
         if (slot.state == WAITS && slot.object == object) {
             wake(slot);
             if (onlyOne) {
-                return;
+                break;
             }
         }
     }
+    return 0;
 }
 
 /// Wakes those whose sockets have what they wait for.
@@ -142,9 +144,9 @@ bool moveClock()
     for (const Slot& slot : g_slots) {
         next = std::min(next, slot.deadline);
     }
-    g_time = next == NEVER ? g_time : std::max(g_time, next);
+    g_run.time = next == NEVER ? g_run.time : std::max(g_run.time, next);
     for (Slot* slot = std::end(g_slots); slot-- != g_slots;) {
-        if (slot->deadline <= g_time) {
+        if (slot->deadline <= g_run.time) {
             wake(*slot, true);
         }
     }
@@ -162,7 +164,7 @@ void unblock()
     if (!held && !moveClock() && !lookAtSockets(KERNEL_TIME_MS)) {
         fail("Deadlock");
     }
-    if (g_time > MAX_TIME) {
+    if (g_run.time > MAX_TIME) {
         fail("Hang");
     }
 }
@@ -174,7 +176,7 @@ Slot& choose()
         Slot* ready[std::size(g_slots)];
         unsigned count = 0;
         for (Slot& slot : g_slots) {
-            if (slot.state == READY && slot.heldUntil <= g_outcome.steps) {
+            if (slot.state == READY && slot.heldUntil <= g_run.outcome.steps) {
                 ready[count++] = &slot;
             }
         }
@@ -219,39 +221,56 @@ bool block(const void* object, std::int64_t deadline = NEVER)
     return !t_self->expired;
 }
 
-void blockOnSocket(int sock, short events, std::int64_t deadline = NEVER)
+int narrowed(int connection)
 {
-    t_self->socket = {sock, events, 0};
-    block(nullptr, deadline);
+    if (g_run.stallExpected) {
+        setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &NARROW, sizeof NARROW);
+    }
+    return connection;
 }
 
-bool inRun()
+int sleepUntil(std::int64_t deadline)
 {
-    return g_on && t_self != nullptr;
+    block(nullptr, deadline);
+    return 0;
+}
+
+/// Until `look` finds something. No socket: until the deadline.
+template<typename Look>
+int waitOnSocket(int sock, short events, std::int64_t deadline, Look look)
+{
+    for (;;) {
+        const int result = look();
+        if (result != 0 || g_run.time >= deadline) {
+            return result;
+        }
+        t_self->socket = {sock, events, 0};
+        block(nullptr, deadline);
+    }
 }
 
 /// The calling thread is at `event`. False if it isn't one of a run.
 bool step(const char* event)
 {
-    if (!inRun()) {
+    if (t_self == nullptr) {
         return false;
     }
     const int error = errno;
     t_self->at = event;
-    if (++g_outcome.steps > MAX_STEPS) {
+    if (++g_run.outcome.steps > MAX_STEPS) {
         fail("Endless loop");
     }
     if (dice(16) == 0) { // so many steps are for the others
-        t_self->heldUntil = g_outcome.steps + 1 + static_cast<int>(dice(40));
+        t_self->heldUntil = g_run.outcome.steps + 1 + static_cast<int>(dice(40));
     }
     if (inLibrary(*t_self)) {
-        const std::size_t hash = std::hash<std::string_view>()(event) + t_self->who;
-        g_outcome.hash = g_outcome.hash * 1099511628211U + hash;
-        if (t_self->who == g_plan.stalled && ++g_stepsOfStalled == g_plan.stalledAt) {
-            g_outcome.reached = true;
-            g_outcome.where = event;
+        const std::hash<std::string_view> hash;
+        g_run.outcome.hash = g_run.outcome.hash * 1099511628211U + hash(event) + hash(t_self->who);
+        if (t_self->who == g_run.plan.stalled && ++g_run.stepsOfStalled == g_run.plan.stalledAt) {
+            g_run.outcome.reached = true;
+            g_run.outcome.where = event;
             g_stalled = t_self;
-            block(nullptr, g_time + STALL_TIME);
+            sleepUntil(g_run.time + STALL_TIME);
         }
     }
     goOn();
@@ -263,14 +282,15 @@ bool step(const char* event)
 /// longer than it thinks.
 std::int64_t deadlineIn(std::int64_t wait_ns)
 {
-    return g_time + (inLibrary(*t_self) ? wait_ns : wait_ns * TEST_PACE);
+    return g_run.time + (inLibrary(*t_self) ? wait_ns : wait_ns * TEST_PACE);
 }
 
-void lockMutex(pthread_mutex_t* mutex)
+int lockMutex(pthread_mutex_t* mutex)
 {
     while (pthread_mutex_trylock(mutex) == EBUSY) {
         block(mutex);
     }
+    return 0;
 }
 
 void unlockMutex(pthread_mutex_t* mutex)
@@ -312,53 +332,42 @@ void loseOthers()
 
 } // namespace
 
-const char* nameOf(Who who)
-{
-    static const char* const names[] = {"host", "sender", "server", "client", "nobody"};
-    return names[who];
-}
-
 void begin(const Plan& plan)
 {
     static const int inChildren = pthread_atfork(nullptr, nullptr, &loseOthers);
     static_cast<void>(inChildren);
-    g_plan = plan;
-    g_outcome = Outcome();
-    g_random.seed(plan.seed);
-    g_stallExpected = false;
-    g_time = 0;
-    g_stepsOfStalled = 0;
+    g_run = Run();
+    g_run.plan = plan;
+    g_run.random.seed(plan.seed);
     t_self = g_last = &g_slots[0];
     t_self->state = READY;
     t_self->who = HOST;
     t_self->heldUntil = 0;
-    g_on = true;
 }
 
 Outcome end()
 {
-    g_on = false;
     t_self->state = FREE;
     t_self = nullptr;
     if (std::any_of(std::begin(g_slots), std::end(g_slots), [](const Slot& s) { return s.state != FREE; })) {
         fail("Threads left");
     }
-    return g_outcome;
+    return g_run.outcome;
 }
 
 void hostIsInLibrary(bool inside)
 {
-    g_hostInside = inside;
+    g_run.hostInside = inside;
 }
 
 void expectStall()
 {
-    g_stallExpected = true;
+    g_run.stallExpected = true;
 }
 
 void frameDone()
 {
-    if (stalling() && ++g_outcome.frames >= ENOUGH_FRAMES) {
+    if (stalling() && ++g_run.outcome.frames >= ENOUGH_FRAMES) {
         wake(*g_stalled);
     }
 }
@@ -370,7 +379,7 @@ bool stalling()
 
 unsigned dice(unsigned sides)
 {
-    return static_cast<unsigned>(g_random() % sides);
+    return static_cast<unsigned>(g_run.random() % sides);
 }
 
 } // namespace Schedule
@@ -385,41 +394,41 @@ extern "C" void lodestoneTestPoint(const char* name) noexcept
     step(name);
 }
 
+// A stand-in that is a step of a run's threads and an action then. For others it is the function itself.
+#define SCHEDULED(result, name, parameters, arguments, action)                                               \
+    STAND_IN(result, name, parameters)                                                                       \
+    {                                                                                                        \
+        return step(#name) ? (action) : __real_##name arguments;                                             \
+    }
+
 STAND_IN(ssize_t, send, (int sock, const void* data, std::size_t size, int flags))
 {
-    if (!step("send")) {
-        return __real_send(sock, data, size, flags);
-    }
-    for (std::size_t done = 0;;) {
-        const char* const rest = static_cast<const char*>(data) + done;
-        const ssize_t taken = __real_send(sock, rest, size - done, flags | MSG_DONTWAIT);
+    std::size_t done = 0;
+    const auto sendMore = [&](int moreFlags) {
+        const auto* const rest = static_cast<const char*>(data) + done;
+        const ssize_t taken = __real_send(sock, rest, size - done, flags | moreFlags);
         done += taken > 0 ? static_cast<std::size_t>(taken) : 0;
-        if (done == size || (taken < 0 && errno != EAGAIN)) {
-            return done != 0 ? static_cast<ssize_t>(done) : taken;
-        }
-        blockOnSocket(sock, POLLOUT);
+        return taken;
+    };
+    if (!step("send")) {
+        return sendMore(0);
     }
+    const int failed = waitOnSocket(sock, POLLOUT, NEVER, [&] {
+        const bool fails = sendMore(MSG_DONTWAIT) < 0 && errno != EAGAIN;
+        return fails ? -1 : done == size ? 1 : 0;
+    });
+    return failed < 0 && done == 0 ? -1 : static_cast<ssize_t>(done);
 }
 
-STAND_IN(int, accept4, (int sock, sockaddr* address, socklen_t* length, int flags))
-{
-    step("accept");
-    const int connection = __real_accept4(sock, address, length, flags);
-    if (g_stallExpected) {
-        setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &NARROW, sizeof NARROW);
-    }
-    return connection;
-}
+SCHEDULED(int, accept4, (int sock, sockaddr* address, socklen_t* length, int flags),
+          (sock, address, length, flags), narrowed(__real_accept4(sock, address, length, flags)))
+// Needs no thread of ours, there is room in the backlog.
+SCHEDULED(int, connect, (int sock, const sockaddr* address, socklen_t length), (sock, address, length),
+          __real_connect(sock, address, length))
 
 STAND_IN(int, listen, (int sock, int backlog))
 {
     return __real_listen(sock, backlog + 16); // a full one would make clients try again in a second of life
-}
-
-STAND_IN(int, connect, (int sock, const sockaddr* address, socklen_t length))
-{
-    step("connect");
-    return __real_connect(sock, address, length); // needs no thread of ours, there is room in the backlog
 }
 
 STAND_IN(int, poll, (pollfd * entries, nfds_t count, int timeout_ms))
@@ -427,14 +436,9 @@ STAND_IN(int, poll, (pollfd * entries, nfds_t count, int timeout_ms))
     if (!step("poll")) {
         return __real_poll(entries, count, timeout_ms);
     }
-    const std::int64_t deadline = timeout_ms < 0 ? NEVER : deadlineIn(timeout_ms * NS_PER_MS);
-    for (;;) {
-        const int result = __real_poll(entries, count, 0);
-        if (result != 0 || g_time >= deadline) {
-            return result;
-        }
-        count == 0 ? void(block(nullptr, deadline)) : blockOnSocket(entries->fd, entries->events, deadline);
-    }
+    const pollfd first = count == 0 ? pollfd{-1, 0, 0} : *entries; // nobody asks for several
+    return waitOnSocket(first.fd, first.events, timeout_ms < 0 ? NEVER : deadlineIn(timeout_ms * NS_PER_MS),
+                        [&] { return __real_poll(entries, count, 0); });
 }
 
 STAND_IN(int, select, (int count, fd_set* readable, fd_set* writable, fd_set* except, timeval* timeout))
@@ -443,38 +447,30 @@ STAND_IN(int, select, (int count, fd_set* readable, fd_set* writable, fd_set* ex
         return __real_select(count, readable, writable, except, timeout);
     }
     const fd_set wanted = *readable;
-    const std::int64_t deadline = g_time + timeout->tv_sec * NS_PER_S + timeout->tv_usec * std::int64_t{1000};
-    for (;;) {
-        timeval none = {};
-        const int result = __real_select(count, readable, writable, except, &none);
-        if (result != 0 || g_time >= deadline) {
-            return result;
-        }
+    const std::int64_t wait = timeout->tv_sec * NS_PER_S + timeout->tv_usec * std::int64_t{1000};
+    return waitOnSocket(count - 1, POLLIN, g_run.time + wait, [&] {
         *readable = wanted;
-        blockOnSocket(count - 1, POLLIN, deadline); // the library asks for one at a time
-    }
+        timeval none = {};
+        return __real_select(count, readable, writable, except, &none);
+    });
 }
 
-STAND_IN(int, usleep, (useconds_t time_us))
-{
-    return step("usleep") ? (block(nullptr, g_time + time_us * std::int64_t{1000}), 0)
-                          : __real_usleep(time_us);
-}
+SCHEDULED(int, usleep, (useconds_t time_us), (time_us), sleepUntil(g_run.time + time_us * std::int64_t{1000}))
 
 STAND_IN(int, nanosleep, (const timespec* time, timespec* left))
 {
     if (step("nanosleep")) {
-        block(nullptr, deadlineIn(nanoseconds(*time)));
+        sleepUntil(deadlineIn(nanoseconds(*time)));
     }
     return __real_nanosleep(time, left); // a test's own wait, which may be for another process
 }
 
 STAND_IN(int, clock_gettime, (clockid_t clock, timespec* now))
 {
-    if (!inRun() || clock != CLOCK_MONOTONIC) {
+    if (t_self == nullptr || clock != CLOCK_MONOTONIC) {
         return __real_clock_gettime(clock, now);
     }
-    *now = timespecOf(EPOCH + g_time);
+    *now = timespecOf(EPOCH + g_run.time);
     return 0;
 }
 
@@ -489,7 +485,7 @@ STAND_IN(int, pthread_create,
     if (slot == std::end(g_slots)) {
         fail("Too many threads");
     }
-    slot->who = inLibrary(*t_self) ? NOBODY : CLIENT;
+    slot->who = inLibrary(*t_self) ? SERVER : CLIENT; // or the sender
     slot->function = function;
     slot->argument = argument;
     slot->heldUntil = 0;
@@ -502,15 +498,15 @@ STAND_IN(int, pthread_create,
 
 STAND_IN(int, pthread_setname_np, (pthread_t handle, const char* name))
 {
-    if (t_self != nullptr) { // the first thing that a thread of the library does
-        t_self->who = std::strcmp(name, "lodestone-send") == 0 ? SENDER : SERVER;
+    if (t_self != nullptr && name == std::string_view("lodestone-send")) {
+        t_self->who = SENDER; // the first thing that it does
     }
     return __real_pthread_setname_np(handle, name);
 }
 
 STAND_IN(int, pthread_join, (pthread_t handle, void** result))
 {
-    const bool known = step("join");
+    const bool known = step("pthread_join");
     for (Slot& slot : g_slots) {
         if (known && slot.who != HOST && slot.state != FREE && pthread_equal(slot.handle, handle) != 0) {
             while (slot.state != ENDED) {
@@ -522,39 +518,22 @@ STAND_IN(int, pthread_join, (pthread_t handle, void** result))
     return __real_pthread_join(handle, result);
 }
 
-STAND_IN(int, pthread_mutex_lock, (pthread_mutex_t * mutex))
-{
-    return step("lock") ? (lockMutex(mutex), 0) : __real_pthread_mutex_lock(mutex);
-}
-
 STAND_IN(int, pthread_mutex_unlock, (pthread_mutex_t * mutex))
 {
-    if (!inRun()) {
+    if (t_self == nullptr) {
         return __real_pthread_mutex_unlock(mutex);
     }
     unlockMutex(mutex);
-    step("unlock");
+    step("pthread_mutex_unlock");
     return 0;
 }
 
-STAND_IN(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex))
-{
-    return step("wait") ? sleepOn(condition, mutex, NEVER) : __real_pthread_cond_wait(condition, mutex);
-}
-
-STAND_IN(int, pthread_cond_timedwait,
-         (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* limit))
-{
-    return step("look") ? sleepOn(condition, mutex, nanoseconds(*limit) - EPOCH)
-                        : __real_pthread_cond_timedwait(condition, mutex, limit);
-}
-
-STAND_IN(int, pthread_cond_signal, (pthread_cond_t * condition))
-{
-    return step("signal") ? (wakeWaitingFor(condition, true), 0) : __real_pthread_cond_signal(condition);
-}
-
-STAND_IN(int, pthread_cond_broadcast, (pthread_cond_t * condition))
-{
-    return step("broadcast") ? (wakeWaitingFor(condition), 0) : __real_pthread_cond_broadcast(condition);
-}
+SCHEDULED(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), lockMutex(mutex))
+SCHEDULED(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex),
+          sleepOn(condition, mutex, NEVER))
+SCHEDULED(int, pthread_cond_timedwait,
+          (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* limit),
+          (condition, mutex, limit), sleepOn(condition, mutex, nanoseconds(*limit) - EPOCH))
+SCHEDULED(int, pthread_cond_signal, (pthread_cond_t * condition), (condition),
+          wakeWaitingFor(condition, true))
+SCHEDULED(int, pthread_cond_broadcast, (pthread_cond_t * condition), (condition), wakeWaitingFor(condition))

@@ -2,6 +2,7 @@
 #define LODESTONE_TEST_SCHEDULE_H
 
 #include <cstdint>
+#include <string_view>
 
 /// Decides which of the host, sender, server and client threads runs, at every call in which they can meet
 /// and at every point that the library names (TestPoints.h). They are real threads, but one of them runs at a
@@ -21,21 +22,17 @@
 namespace Schedule
 {
 
-enum Who
-{
-    HOST,   ///< The thread that begins the run.
-    SENDER, ///< By its name.
-    SERVER,
-    CLIENT, ///< A thread that the test starts.
-    NOBODY
-};
-const char* nameOf(Who who);
+// Who runs: the thread that begins the run, the library's by their names, and one that the test starts.
+inline constexpr std::string_view HOST = "host";
+inline constexpr std::string_view SENDER = "sender";
+inline constexpr std::string_view SERVER = "server";
+inline constexpr std::string_view CLIENT = "client";
 
 struct Plan
 {
     std::uint32_t seed = 0;
-    Who stalled = NOBODY; ///< Stands still at one of its steps while the others go on ...
-    int stalledAt = 0;    ///< ... at this one, counted from 1.
+    std::string_view stalled = "nobody"; ///< Stands still at one of its steps while the others go on ...
+    int stalledAt = 0;                   ///< ... at this one, counted from 1.
 };
 
 struct Outcome
