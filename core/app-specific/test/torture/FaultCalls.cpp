@@ -1,20 +1,17 @@
 #include "FaultCalls.h"
 
 #include "AllocationHook.h"
+#include "StandIn.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdlib>
-#include <ctime>
-#include <fcntl.h>
 #include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -28,22 +25,19 @@ namespace
 
 const int WAIT_DIVISOR = 500;
 const int STALL_SPEED = 100;
-const long NS_PER_S = 1000000000L;
 const int NARROW = 4096;
 
 /// What this process and its children share.
 struct Shared
 {
-    FaultKind kind;
-    int number;
-    bool everAfter;
-    std::atomic<bool> armed;
-    std::atomic<int> calls; // of the kind
-    std::atomic<int> hits;
-    std::atomic<bool> stallExpected;
-    std::atomic<bool> hostHit; // in the call of the host that is under way, or the last one
-    std::atomic<int> starts;   // threads that it has tried to start
-    std::atomic<std::int64_t> jumped_s;
+    Fault fault = {nullptr, 0, false};
+    std::atomic<bool> armed{false};
+    std::atomic<int> calls{0}; // of the kind
+    std::atomic<int> hits{0};
+    std::atomic<bool> stallExpected{false};
+    std::atomic<bool> hostHit{false}; // in the call of the host that is under way, or the last one
+    std::atomic<int> starts{0};       // threads that it has tried to start
+    std::atomic<std::int64_t> jumped_ns{0};
 };
 
 Shared& shared()
@@ -55,21 +49,21 @@ Shared& shared()
 
 enum Role
 {
-    OUTSIDE,
+    LIBRARY, // all threads but the main one
     HOST,
-    LIBRARY
+    OUTSIDE
 };
-thread_local Role t_role = OUTSIDE;
+thread_local Role t_role = LIBRARY;
 std::atomic<int> g_threadsUnjoined{0};
 
-bool fails(FaultCall call)
+bool fails(const char* call)
 {
     Shared& s = shared();
-    if (t_role == OUTSIDE || !s.armed || s.kind.call != call) {
+    if (t_role == OUTSIDE || !s.armed || s.fault.kind->call != call) {
         return false;
     }
     const int number = ++s.calls;
-    const bool hit = s.everAfter ? number >= s.number : number == s.number;
+    const bool hit = s.fault.everAfter ? number >= s.fault.number : number == s.fault.number;
     if (hit) {
         ++s.hits;
         if (t_role == HOST) { // a library thread that fails at the same time mustn't write here
@@ -79,41 +73,17 @@ bool fails(FaultCall call)
     return hit;
 }
 
-bool failsWithError(FaultCall call)
+bool failsWithError(const char* call)
 {
     const bool hit = fails(call);
-    errno = hit ? shared().kind.error : errno;
+    errno = hit ? shared().fault.kind->error : errno;
     return hit;
-}
-
-bool allocationFails()
-{
-    return fails(ALLOCATION);
-}
-
-timespec timespecOf(std::int64_t time_ns)
-{
-    return {static_cast<time_t>(time_ns / NS_PER_S), static_cast<long>(time_ns % NS_PER_S)};
-}
-
-struct Start
-{
-    void* (*function)(void*);
-    void* argument;
-};
-Start g_starts[64]; // taken in turn
-std::atomic<unsigned> g_noStarts{0};
-
-void* runThread(void* argument)
-{
-    const Start start = *static_cast<Start*>(argument);
-    t_role = LIBRARY;
-    return start.function(start.argument);
 }
 
 // Registered before anything of the library's, so it runs behind the library's own exit handlers.
 __attribute__((constructor(101))) void watchTheEnd()
 {
+    t_role = OUTSIDE;
     ::pthread_atfork(nullptr, nullptr, [] { g_threadsUnjoined = 0; }); // they stay behind
     std::atexit([] {
         if (t_role != OUTSIDE && FaultCalls::threadsUnjoined() != 0) {
@@ -129,51 +99,46 @@ __attribute__((constructor(101))) void watchTheEnd()
 const std::vector<FaultKind>& faultKinds()
 {
     typedef FaultKind K;
-    static const std::vector<K> kinds = {{ALLOCATION, "allocation", 0, K::HURTS},
-                                         {MMAP, "mmap", ENOMEM, K::HURTS},
-                                         {THREAD, "pthread_create", EAGAIN, K::HURTS},
-                                         {SOCKET, "socket", EMFILE, K::HURTS},
-                                         {SETSOCKOPT, "setsockopt", ENOBUFS, K::HURTS},
-                                         {BIND, "bind", EADDRINUSE, K::HURTS},
-                                         {LISTEN, "listen", EADDRINUSE, K::HURTS},
-                                         {FCNTL, "fcntl", EBADF, K::HURTS},
-                                         {ACCEPT, "accept-EMFILE", EMFILE, K::HURTS},
-                                         {ACCEPT, "accept-ECONNABORTED", ECONNABORTED, K::HARMLESS_ONCE},
-                                         {SELECT, "select-EINTR", EINTR, K::HARMLESS_ONCE},
-                                         {SELECT, "select-EBADF", EBADF, K::HARMLESS_ONCE},
-                                         {POLL, "poll", ENOMEM, K::HURTS},
-                                         {SEND, "send-EPIPE", EPIPE, K::HURTS},
-                                         {SEND, "send-ECONNRESET", ECONNRESET, K::HURTS},
-                                         {SEND, "send-EAGAIN", EAGAIN, K::HURTS},
-                                         {SEND, "send-EINTR", EINTR, K::HURTS},
-                                         {SEND, "send-short", K::SHORT, K::HARMLESS},
-                                         {SEND, "send-nothing", K::NOTHING, K::HURTS},
-                                         {SEND, "send-throws", K::THROWS, K::HURTS},
-                                         {IOCTL, "ioctl", EINVAL, K::HARMLESS},
-                                         {GETSOCKOPT, "getsockopt", ENOPROTOOPT, K::HARMLESS},
-                                         {CLOCK, "clock-jumps", K::JUMP, K::HURTS},
-                                         {CLOCK, "clock-stands", K::STANDS, K::HURTS},
-                                         {SYSTEM_CLOCK, "system-clock-jumps", K::JUMP, K::HARMLESS},
-                                         {REST, "usleep", EINTR, K::HARMLESS},
-                                         {SLEEP, "pthread_cond_wait", 0, K::HARMLESS},
-                                         {LOOK, "pthread_cond_timedwait", 0, K::HARMLESS},
-                                         {ATFORK, "pthread_atfork", ENOMEM, K::HARMLESS},
-                                         {NAME, "pthread_setname_np", ERANGE, K::HARMLESS}};
+    static const auto& kinds =
+        *new std::vector<K>{// lives until the last exit handler is through
+                            {"allocation", "", 0, K::HURTS, {}},
+                            {"mmap", "", ENOMEM, K::HURTS, {"Whole", "Split"}},
+                            {"pthread_create", "", EAGAIN, K::HURTS, {}},
+                            {"socket", "", EMFILE, K::HURTS, {}},
+                            {"setsockopt", "", ENOBUFS, K::HURTS, {}},
+                            {"bind", "", EADDRINUSE, K::HURTS, {}},
+                            {"listen", "", EADDRINUSE, K::HURTS, {}},
+                            {"fcntl", "", EBADF, K::HURTS, {}},
+                            {"accept4", "EMFILE", EMFILE, K::HURTS, {}},
+                            {"accept4", "ECONNABORTED", ECONNABORTED, K::HARMLESS_ONCE, {}},
+                            {"select", "EINTR", EINTR, K::HARMLESS_ONCE, {}},
+                            {"select", "EBADF", EBADF, K::HARMLESS_ONCE, {}},
+                            {"poll", "", ENOMEM, K::HURTS, {"Takeover"}},
+                            {"send", "EPIPE", EPIPE, K::HURTS, {}},
+                            {"send", "ECONNRESET", ECONNRESET, K::HURTS, {}},
+                            {"send", "EAGAIN", EAGAIN, K::HURTS, {}},
+                            {"send", "EINTR", EINTR, K::HURTS, {}},
+                            {"send", "short", K::SHORT, K::HARMLESS, {}},
+                            {"send", "nothing", K::NOTHING, K::HURTS, {}},
+                            {"ioctl", "", EINVAL, K::HARMLESS, {"StalledClient", "FullQueue"}},
+                            {"getsockopt", "", ENOPROTOOPT, K::HARMLESS, {"StalledClient", "FullQueue"}},
+                            {"clock_gettime", "jumps", K::JUMP, K::HURTS, {}},
+                            {"clock_gettime", "stands", K::STANDS, K::HURTS, {}},
+                            {"system_clock", "jumps", K::JUMP, K::HARMLESS, {}},
+                            {"usleep", "", EINTR, K::HARMLESS, {"HostThatWaits"}},
+                            {"pthread_cond_wait", "", 0, K::HARMLESS, {}}, // wakes up without a signal
+                            {"pthread_cond_timedwait", "", 0, K::HARMLESS, {"StalledClient", "FullQueue"}},
+                            {"pthread_atfork", "", ENOMEM, K::HARMLESS, {"Unload"}},
+                            {"pthread_setname_np", "", ERANGE, K::HARMLESS, {}}};
     return kinds;
 }
 
 FaultCalls::FaultCalls(const Fault& fault)
 {
-    Shared& s = shared();
-    s.kind = *fault.kind;
-    s.number = fault.number;
-    s.everAfter = fault.everAfter;
-    s.calls = 0;
-    s.hits = 0;
-    s.stallExpected = false;
-    s.jumped_s = 0;
-    s.armed = fault.number != 0;
-    AllocationScope::setFilter(&allocationFails);
+    Shared* const s = new (&shared()) Shared;
+    s->fault = fault;
+    s->armed = fault.number != 0;
+    AllocationScope::setFilter([] { return fails("allocation"); });
 }
 
 FaultCalls::~FaultCalls()
@@ -197,39 +162,38 @@ void FaultCalls::hostLeaves()
 // What fails on the host's thread fails its call. The library's threads keep their failures to themselves.
 std::vector<std::string> FaultCalls::expectedTexts() const
 {
-    const Shared& s = shared();
-    if (!s.hostHit) {
-        return {};
-    }
-    switch (s.kind.call) {
-    case ALLOCATION:
+    const std::string call = shared().hostHit ? shared().fault.kind->call : "none";
+    if (call == "allocation") {
         return {"std::bad_alloc", "Out of memory"};
-    case MMAP:
-        return {"std::bad_alloc"};
-    case THREAD:
-        return {s.starts == 1 ? "Unable to create sender thread"
-                              : "Unable to create server thread (pthread_create)"};
-    default:
-        return {};
     }
+    if (call == "mmap") {
+        return {"std::bad_alloc"};
+    }
+    if (call == "pthread_create") {
+        return {shared().starts == 1 ? "Unable to create sender thread"
+                                     : "Unable to create server thread (pthread_create)"};
+    }
+    return {};
 }
 
 bool FaultCalls::happened() const
 {
-    const Shared& s = shared();
+    const Fault& fault = shared().fault;
+    const FaultKind::Effect effect = fault.kind->effect;
     const bool harmless =
-        s.kind.effect == FaultKind::HARMLESS || (s.kind.effect == FaultKind::HARMLESS_ONCE && !s.everAfter);
-    return s.hits != 0 && !harmless;
+        effect == FaultKind::HARMLESS || (effect == FaultKind::HARMLESS_ONCE && !fault.everAfter);
+    return hits() != 0 && !harmless;
 }
 
 bool FaultCalls::isOver() const
 {
-    return !shared().everAfter;
+    return !shared().fault.everAfter;
 }
 
-void FaultCalls::expectStall()
+bool FaultCalls::expectStall()
 {
     shared().stallExpected = true;
+    return true;
 }
 
 int FaultCalls::hits()
@@ -245,42 +209,59 @@ int FaultCalls::threadsUnjoined()
 // ---------------------------------------------------------------------------------------------------------------------
 // The linker's names
 
+typedef void* Address;
+
+namespace
+{
+
+std::int64_t shortened(std::int64_t wait)
+{
+    return t_role == OUTSIDE || wait <= 0 ? wait : 1 + (wait - 1) / WAIT_DIVISOR;
+}
+
+timeval* shortened(timeval* wait)
+{
+    *wait = t_role == OUTSIDE ? *wait : timeval{0, wait->tv_usec / WAIT_DIVISOR};
+    return wait;
+}
+
+int wakeWithoutSignal(pthread_mutex_t* mutex)
+{
+    pthread_mutex_unlock(mutex);
+    sched_yield();
+    return pthread_mutex_lock(mutex);
+}
+
+} // namespace
+
 // A stand-in that either fails with -1 and an errno, or calls the function itself.
-#define FAILING(CALL, name, parameters, arguments)                                                           \
-    extern "C" int __real_##name parameters;                                                                 \
-    extern "C" int __wrap_##name parameters                                                                  \
+#define FAILING(result, name, parameters, arguments)                                                         \
+    STAND_IN(result, name, parameters)                                                                       \
     {                                                                                                        \
-        return failsWithError(CALL) ? -1 : __real_##name arguments;                                          \
+        return failsWithError(#name) ? result(-1) : __real_##name arguments;                                 \
     }
 
-FAILING(SOCKET, socket, (int domain, int type, int protocol), (domain, type, protocol))
-FAILING(SETSOCKOPT, setsockopt, (int sock, int level, int name, const void* value, socklen_t length),
+FAILING(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+FAILING(int, setsockopt, (int sock, int level, int name, const void* value, socklen_t length),
         (sock, level, name, value, length))
-FAILING(GETSOCKOPT, getsockopt, (int sock, int level, int name, void* value, socklen_t* length),
+FAILING(int, getsockopt, (int sock, int level, int name, void* value, socklen_t* length),
         (sock, level, name, value, length))
-FAILING(BIND, bind, (int sock, const sockaddr* address, socklen_t length), (sock, address, length))
-FAILING(LISTEN, listen, (int sock, int backlog), (sock, backlog))
+FAILING(int, bind, (int sock, const sockaddr* address, socklen_t length), (sock, address, length))
+FAILING(int, listen, (int sock, int backlog), (sock, backlog))
+FAILING(Address, mmap, (void* address, size_t size, int protection, int flags, int descriptor, off_t offset),
+        (address, size, protection, flags, descriptor, offset))
+FAILING(int, poll, (pollfd * entries, nfds_t count, int timeout_ms),
+        (entries, count, static_cast<int>(shortened(timeout_ms))))
+FAILING(int, select, (int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* timeout),
+        (count, reads, writes, others, shortened(timeout)))
+FAILING(int, usleep, (useconds_t time_us), (static_cast<useconds_t>(shortened(time_us))))
+// These two take any arguments. The library gives them one word each.
+FAILING(int, fcntl, (int descriptor, int command, long argument), (descriptor, command, argument))
+FAILING(int, ioctl, (int descriptor, unsigned long request, void* argument), (descriptor, request, argument))
 
-extern "C" {
-
-int __real_accept4(int sock, sockaddr* address, socklen_t* length, int flags);
-int __real_fcntl(int descriptor, int command, ...);
-int __real_ioctl(int descriptor, unsigned long request, ...);
-int __real_poll(pollfd* entries, nfds_t number, int timeout_ms);
-int __real_select(int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* timeout);
-ssize_t __real_send(int sock, const void* data, size_t size, int flags);
-int __real_usleep(useconds_t time_us);
-int __real_clock_gettime(clockid_t clock, timespec* now);
-int __real_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*function)(void*),
-                          void* argument);
-int __real_pthread_setname_np(pthread_t thread, const char* name);
-int __real_pthread_join(pthread_t handle, void** result);
-int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
-int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* limit);
-
-int __wrap_accept4(int sock, sockaddr* address, socklen_t* length, int flags)
+STAND_IN(int, accept4, (int sock, sockaddr* address, socklen_t* length, int flags))
 {
-    if (failsWithError(ACCEPT)) {
+    if (failsWithError("accept4")) {
         return -1;
     }
     const int connection = __real_accept4(sock, address, length, flags);
@@ -290,148 +271,78 @@ int __wrap_accept4(int sock, sockaddr* address, socklen_t* length, int flags)
     return connection;
 }
 
-int __wrap_fcntl(int descriptor, int command, ...)
+STAND_IN(ssize_t, send, (int sock, const void* data, size_t size, int flags))
 {
-    va_list rest;
-    va_start(rest, command);
-    const long argument = va_arg(rest, long);
-    va_end(rest);
-    return failsWithError(FCNTL) ? -1 : __real_fcntl(descriptor, command, argument);
-}
-
-int __wrap_ioctl(int descriptor, unsigned long request, ...)
-{
-    va_list rest;
-    va_start(rest, request);
-    void* const argument = va_arg(rest, void*);
-    va_end(rest);
-    return failsWithError(IOCTL) ? -1 : __real_ioctl(descriptor, request, argument);
-}
-
-void* __wrap_mmap(void* address, size_t size, int protection, int flags, int descriptor, off_t offset)
-{
-    return failsWithError(MMAP) ? MAP_FAILED
-                                : __real_mmap(address, size, protection, flags, descriptor, offset);
-}
-
-int __wrap_poll(pollfd* entries, nfds_t number, int timeout_ms)
-{
-    const bool scaled = t_role != OUTSIDE && timeout_ms > 0;
-    return failsWithError(POLL)
-               ? -1
-               : __real_poll(entries, number, scaled ? 1 + timeout_ms / WAIT_DIVISOR : timeout_ms);
-}
-
-int __wrap_select(int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* timeout)
-{
-    if (failsWithError(SELECT)) {
+    const int how = fails("send") ? shared().fault.kind->error : 0;
+    if (how > 0) {
+        errno = how;
         return -1;
     }
-    if (t_role != OUTSIDE && timeout != nullptr) {
-        *timeout = {0, timeout->tv_usec / WAIT_DIVISOR};
-    }
-    return __real_select(count, reads, writes, others, timeout);
-}
-
-ssize_t __wrap_send(int sock, const void* data, size_t size, int flags)
-{
-    if (!fails(SEND)) {
-        return __real_send(sock, data, size, flags);
-    }
-    switch (shared().kind.error) {
-    case FaultKind::SHORT:
-        return __real_send(sock, data, (size + 1) / 2, flags);
-    case FaultKind::NOTHING:
-        return 0;
-    case FaultKind::THROWS:
+    if (how == FaultKind::THROWS) {
         throw std::bad_alloc();
-    default:
-        errno = shared().kind.error;
-        return -1;
     }
+    return how == FaultKind::NOTHING
+               ? 0
+               : __real_send(sock, data, how == FaultKind::SHORT ? (size + 1) / 2 : size, flags);
 }
 
-int __wrap_usleep(useconds_t time_us)
-{
-    return failsWithError(REST) ? -1 : __real_usleep(t_role != OUTSIDE ? time_us / WAIT_DIVISOR : time_us);
-}
-
-int __wrap_clock_gettime(clockid_t clock, timespec* now)
+STAND_IN(int, clock_gettime, (clockid_t clock, timespec* now))
 {
     const int result = __real_clock_gettime(clock, now);
     if (t_role == OUTSIDE) {
         return result;
     }
-    static const std::int64_t begin_s = now->tv_sec;
+    static const std::int64_t begin = now->tv_sec * NS_PER_S;
     Shared& s = shared();
-    if (fails(CLOCK)) {
-        if (s.kind.error == FaultKind::STANDS) {
-            *now = {static_cast<time_t>(begin_s), 0};
-            return result;
-        }
-        s.jumped_s = 3600;
+    const int hit = fails("clock_gettime") ? s.fault.kind->error : 0;
+    if (hit == FaultKind::JUMP) {
+        s.jumped_ns = 3600 * NS_PER_S;
     }
-    const std::int64_t elapsed_ns = (now->tv_sec - begin_s) * NS_PER_S + now->tv_nsec;
-    *now = timespecOf((begin_s + s.jumped_s) * NS_PER_S + elapsed_ns * (s.stallExpected ? STALL_SPEED : 1));
+    const std::int64_t elapsed = (nanoseconds(*now) - begin) * (s.stallExpected ? STALL_SPEED : 1);
+    *now = timespecOf(hit == FaultKind::STANDS ? begin : begin + s.jumped_ns + elapsed);
     return result;
 }
 
-int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*function)(void*),
-                          void* argument)
+STAND_IN(int, pthread_create,
+         (pthread_t * handle, const pthread_attr_t* attributes, void* (*function)(void*), void* argument))
 {
     ++shared().starts;
-    if (fails(THREAD)) {
-        return shared().kind.error;
-    }
-    Start& start = g_starts[g_noStarts++ % 64];
-    start = {function, argument};
-    const int result = __real_pthread_create(handle, attributes, &runThread, &start);
-    g_threadsUnjoined += result == 0 ? 1 : 0;
-    return result;
+    const int error =
+        fails("pthread_create") ? EAGAIN : __real_pthread_create(handle, attributes, function, argument);
+    g_threadsUnjoined += error == 0 ? 1 : 0;
+    return error;
 }
 
-int __wrap_pthread_join(pthread_t handle, void** result)
+STAND_IN(int, pthread_join, (pthread_t handle, void** result))
 {
     --g_threadsUnjoined;
     return __real_pthread_join(handle, result);
 }
 
-int __wrap_pthread_setname_np(pthread_t thread, const char* name)
+STAND_IN(int, pthread_setname_np, (pthread_t thread, const char* name))
 {
-    return fails(NAME) ? shared().kind.error : __real_pthread_setname_np(thread, name);
+    return fails("pthread_setname_np") ? ERANGE : __real_pthread_setname_np(thread, name);
 }
 
 // For the module, which registers its own.
-bool atforkFails()
+extern "C" bool atforkFails()
 {
-    return fails(ATFORK);
+    return fails("pthread_atfork");
 }
 
-int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+STAND_IN(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex))
 {
-    if (!fails(SLEEP)) {
-        return __real_pthread_cond_wait(condition, mutex);
-    }
-    pthread_mutex_unlock(mutex);
-    sched_yield();
-    return pthread_mutex_lock(mutex);
+    return fails("pthread_cond_wait") ? wakeWithoutSignal(mutex) : __real_pthread_cond_wait(condition, mutex);
 }
 
-int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec*)
+STAND_IN(int, pthread_cond_timedwait, (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec*))
 {
-    if (fails(LOOK)) {
-        pthread_mutex_unlock(mutex);
-        sched_yield();
-        pthread_mutex_lock(mutex);
-        return 0;
-    }
-    timespec soon;
-    __real_clock_gettime(CLOCK_MONOTONIC, &soon);
-    soon = timespecOf(soon.tv_sec * NS_PER_S + soon.tv_nsec + NS_PER_S / 1000);
-    return __real_pthread_cond_timedwait(condition, mutex, &soon);
+    timespec now;
+    __real_clock_gettime(CLOCK_MONOTONIC, &now);
+    const timespec soon = timespecOf(nanoseconds(now) + NS_PER_MS);
+    return fails("pthread_cond_timedwait") ? wakeWithoutSignal(mutex)
+                                           : __real_pthread_cond_timedwait(condition, mutex, &soon);
 }
-
-} // extern "C"
 
 // The clock of the C++ library, by the name that it has for the linker.
 typedef std::chrono::system_clock SystemClock;
@@ -440,6 +351,6 @@ SystemClock::time_point wrapSystemNow() noexcept __asm__("__wrap__ZNSt6chrono3_V
 
 SystemClock::time_point wrapSystemNow() noexcept
 {
-    const bool jumps = fails(SYSTEM_CLOCK);
+    const bool jumps = fails("system_clock");
     return realSystemNow() - std::chrono::hours(jumps ? 1 : 0);
 }

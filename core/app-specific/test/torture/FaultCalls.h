@@ -6,35 +6,8 @@
 #include <string>
 #include <vector>
 
-/// Calls of the library that can fail; each has a stand-in that the linker puts in its place. What only frees
-/// or initialises (close, shutdown, munmap, the mutexes) doesn't fail in life.
-enum FaultCall
-{
-    ALLOCATION,
-    MMAP,
-    THREAD,
-    SOCKET,
-    SETSOCKOPT,
-    BIND,
-    LISTEN,
-    FCNTL,
-    ACCEPT,
-    SELECT,
-    POLL,
-    SEND,
-    IOCTL,
-    GETSOCKOPT,
-    CLOCK,
-    SYSTEM_CLOCK,
-    REST,  ///< usleep
-    SLEEP, ///< pthread_cond_wait wakes up without a signal.
-    LOOK,  ///< pthread_cond_timedwait does.
-    ATFORK,
-    NAME, ///< pthread_setname_np
-    NO_FAULT_CALLS
-};
-
-/// One way in which a call fails. `error` is its errno, or one of these.
+/// One way in which a call of the library fails. Each such call has a stand-in that the linker puts in its
+/// place. What only frees or initialises (close, shutdown, munmap, the mutexes) doesn't fail in life.
 struct FaultKind
 {
     enum Effect
@@ -44,10 +17,11 @@ struct FaultKind
         HARMLESS       ///< ... nor if it goes on.
     };
 
-    FaultCall call;
-    const char* name;
-    int error;
+    std::string call;
+    std::string how; ///< If there are several ways.
+    int error;       ///< The call's errno, or one of these below.
     Effect effect;
+    std::vector<std::string> scenarios; ///< Those that must make the call; none: all must.
 
     enum
     {
@@ -57,22 +31,24 @@ struct FaultKind
         JUMP = -3,    ///< The clock jumps an hour ahead (the system's: back), and stays there.
         STANDS = -4   ///< This one reading shows the time of the first one.
     };
+    std::string name() const { return call + (how.empty() ? "" : "-") + how; }
 };
 const std::vector<FaultKind>& faultKinds();
 
-/// The `number`-th call of the library, counted from 1, fails, and all later ones as well if `everAfter`.
+/// The `number`-th call of the library, counted from 1, fails, and all later ones as well if `everAfter`. 0:
+/// none does.
 struct Fault
 {
-    const FaultKind* kind;
-    int number;
-    bool everAfter;
+    const FaultKind* kind = &faultKinds()[0];
+    int number = 0;
+    bool everAfter = false;
 };
 
 /// Fails calls of the library: of its own threads, and of the host's thread inside one of its functions.
 /// Those of the test pass. The library's waits last a 500th of what it asks for.
 ///
-/// For programs with FaultCalls.cpp, the allocation hook and a WRAP of all functions in FaultCalls.cpp. One
-/// at a time. Children of the process count along with it.
+/// For programs with FaultCalls.cpp, the allocation hook and a WRAP of all functions in FaultCalls.cpp, whose
+/// only thread is the main one. One at a time. Children of the process count along with it.
 class FaultCalls : public Disturbance
 {
 public:
@@ -84,7 +60,7 @@ public:
     std::vector<std::string> expectedTexts() const override;
     bool happened() const override;
     bool isOver() const override;
-    void expectStall() override;
+    bool expectStall() override;
 
     static int hits();            ///< Calls that have failed since the construction.
     static int threadsUnjoined(); ///< Of the library, in this process.

@@ -4,9 +4,12 @@
 #include "ALStructs_extif.h"
 #include "StreamClient.h"
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -30,8 +33,8 @@ public:
     /// And nothing more will. Then a frame that failed for it is all that is missing.
     virtual bool isOver() const { return false; }
     /// A client will stall: the kernel's buffers of new connections shall be small from now on, and the clock
-    /// of the stall limit fast.
-    virtual void expectStall() {}
+    /// of the stall limit fast. True if that client is cut off before the next one comes.
+    virtual bool expectStall() { return false; }
 };
 
 /// The host's functions: of this program, or of a library that was loaded.
@@ -44,11 +47,18 @@ struct HostApi
     static HostApi ofThisProgram();
 };
 
+/// From now on a crash or a hang tells this.
+void labelRun(const std::string& label);
+const char* runLabel();
+
+/// What the process has: blocks of the heap, bytes in them, descriptors.
+std::array<std::size_t, 3> holdings();
+
 /// Channels of each frame.
 typedef std::vector<std::vector<int>> Frames;
 
-/// One run of a scenario: a host on one thread, the clients on the same one, and whatever they see that is
-/// wrong.
+/// One run of a scenario: a host on one thread, the clients on the same one. Whatever they see that is wrong
+/// fails the test.
 ///
 /// Each channel has a size of its own, and a payload tells its channel and frame, so every byte that a client
 /// gets is checked against what the host delivered. A verb that finds something missing after the disturbance
@@ -57,7 +67,7 @@ class ScenarioRun
 {
 public:
     /// All runs of a process may share one port.
-    ScenarioRun(int port, Disturbance& disturbance, HostApi api = HostApi::ofThisProgram());
+    ScenarioRun(int port, Disturbance& disturbance);
     ~ScenarioRun();
     ScenarioRun(const ScenarioRun&) = delete;
     ScenarioRun& operator=(const ScenarioRun&) = delete;
@@ -65,9 +75,10 @@ public:
     // --- The host ---
 
     /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
-    bool init(const std::string& tail);
-    /// A string that must be refused with that text.
-    bool initRefused(const std::string& tail, const std::string& text);
+    /// If there is a `refusal`, the string must be refused with that text.
+    bool init(const std::string& tail, const std::string& refusal = "");
+    /// The clients are of a host with that string, in another run.
+    void expect(const std::string& tail);
     bool disable();
     /// The next frame.
     bool apply(const std::vector<int>& channels, bool constantBuffers = false);
@@ -76,8 +87,7 @@ public:
     /// A child process lives `life` and ends by its exit handlers. The host's thread counts as in the library
     /// from then on.
     void inChild(void (*life)(ScenarioRun&));
-    /// The scenario's host is a child: this process has nothing of the library.
-    void hostIsAChild() { m_hostIsHere = false; }
+    /// False if the scenario's host is a child: this process has nothing of the library.
     bool hostIsHere() const { return m_hostIsHere; }
     /// Closes the clients and disables the library. Comes last.
     void end();
@@ -95,10 +105,14 @@ public:
     enum Beginning
     {
         ONCE,    ///< The first cycle is the ONCE cycle, if there are once channels.
+        AMID,    ///< It takes over from one that had normal data.
         ANYWHERE ///< It takes over, or may.
     };
     /// `receiveBuffer`: see StreamClient. False if nobody listens.
     bool connect(int client, Beginning beginning = ONCE, int receiveBuffer = 0);
+    /// Waits for one cycle. False if the connection has ended.
+    bool readOne(int client);
+    bool hasNormalData(int client) const;
     /// Waits until the client has so many bytes to read, or its end.
     bool await(int client, int byteSize = 1);
     /// Delivers these frames in turn until the client has read so many more cycles.
@@ -107,8 +121,7 @@ public:
     bool readChannel(int client, int channel, const Frames& frames);
     /// Reads what is there until the connection ends, which it must.
     bool readToEnd(int client);
-    void close(int client);
-    void vanish(int client); ///< With a reset.
+    StreamClient& stream(int client);
 
     // --- What comes out ---
 
@@ -116,21 +129,19 @@ public:
     {
         return m_disturbance.happened() && !(m_onlyAFrameFailed && m_disturbance.isOver());
     }
-    void expectStall() { m_disturbance.expectStall(); }
-    void violation(const std::string& text) { m_violations.push_back(text); }
-    const std::vector<std::string>& violations() const { return m_violations; }
+    bool expectStall() { return m_disturbance.expectStall(); }
     int port() const { return m_port; }
 
 private:
     /// A client, and what it has got so far.
     struct Reader;
 
-    bool missing(const std::string& text);
-    std::string errorText() const;
+    bool missing(int client, const std::string& text) const;
     std::vector<int> onceTogether() const; ///< The first two.
-    bool finish(const std::string& call, alif_int32_t result, const std::string& refusal = "");
+    template<typename Call>
+    bool succeeds(Call call, const std::string& refusal = "");
     bool nextCycle(int client, const Frames& frames);
-    bool readOne(int client);
+    bool readUntil(const std::function<bool()>& done, int client, const Frames& frames);
     void check(Reader& reader, const WireCycle& cycle);
     void checkOnce(Reader& reader, const WireCycle& cycle);
     void checkPart(Reader& reader, const WireEntry& entry);
@@ -138,17 +149,17 @@ private:
 
     const int m_port;
     Disturbance& m_disturbance;
-    HostApi m_api;
-    bool m_hostIsHere = true;
+    HostApi m_api = HostApi::ofThisProgram();
+    bool m_hostIsHere = false;
     bool m_onlyAFrameFailed = false;
     int m_splitCount = 1;
     int m_intermittentCount = 1;
+    int m_queueLength = 0;
     std::vector<int> m_onceChannels;
     bool m_onceApart = false;      ///< A frame has brought one of the first two without the other.
     unsigned m_constantsSince = 0; ///< The newest frame that brought them as constant buffers.
     std::size_t m_turn = 0;
     std::map<int, std::unique_ptr<Reader>> m_clients;
-    std::vector<std::string> m_violations;
 };
 
 struct Scenario
@@ -156,6 +167,12 @@ struct Scenario
     const char* name;
     void (*run)(ScenarioRun&);
 };
+
+/// For the messages of GoogleTest.
+inline std::ostream& operator<<(std::ostream& stream, const Scenario& scenario)
+{
+    return stream << scenario.name;
+}
 
 /// Each takes some milliseconds if the library's waits are shortened.
 const std::vector<Scenario>& scenarios();

@@ -2,14 +2,14 @@
 #define LODESTONE_TEST_SCHEDULE_H
 
 #include <cstdint>
-#include <pthread.h>
+#include <string_view>
 
 /// Decides which of the host, sender, server and client threads runs, at every call in which they can meet
 /// and at every point that the library names (TestPoints.h). They are real threads, but one of them runs at a
 /// time, and each such step asks a random sequence who goes on. Waits are the layer's own: whoever waits for
 /// a mutex, a condition, a thread, a socket or a moment isn't chosen until that is there, and the clock moves
-/// when nobody can run, or a little early now and then. So a run takes milliseconds whatever the library's
-/// limits are, and a deadlock or a lost wake-up is found at once: nobody can run.
+/// when nobody can run. So a run takes milliseconds whatever the library's limits are, and a deadlock or a
+/// lost wake-up is found at once: nobody can run.
 ///
 /// How exact a replay is: all decisions follow from the seed and from what the kernel's sockets say at that
 /// step. On loopback that is nearly always the same again (29 of 30 runs had the same hash, a busy machine
@@ -22,22 +22,17 @@
 namespace Schedule
 {
 
-enum Who
-{
-    HOST,   ///< The thread that begins the run.
-    SENDER, ///< By its name.
-    SERVER,
-    CLIENT, ///< See startClient.
-    NOBODY
-};
-const char* nameOf(Who who);
+// Who runs: the thread that begins the run, the library's by their names, and one that the test starts.
+inline constexpr std::string_view HOST = "host";
+inline constexpr std::string_view SENDER = "sender";
+inline constexpr std::string_view SERVER = "server";
+inline constexpr std::string_view CLIENT = "client";
 
 struct Plan
 {
-    std::uint32_t seed =
-        0; ///< Even ones order by priorities that change at a few steps, odd ones delay at random.
-    Who stalled = NOBODY; ///< Stands still at one of its steps while the others go on ...
-    int stalledAt = 0;    ///< ... at this one, counted from 1.
+    std::uint32_t seed = 0;
+    std::string_view stalled = "nobody"; ///< Stands still at one of its steps while the others go on ...
+    int stalledAt = 0;                   ///< ... at this one, counted from 1.
 };
 
 struct Outcome
@@ -52,25 +47,19 @@ struct Outcome
 };
 const int ENOUGH_FRAMES = 12;
 
-/// Begins a run; the caller is the host. Until its end a hang of any kind names `label` and the seed and
-/// aborts.
-void begin(const Plan& plan, const char* label);
+/// Begins a run; the caller is the host.
+void begin(const Plan& plan);
 /// The other threads must have ended.
 Outcome end();
 
-/// Only what the host does between these two counts as a step of the library.
-void hostEnters();
-void hostLeaves();
-/// A client will stall: the kernel takes little for it, and the clock of the library's limits runs fast.
+void hostIsInLibrary(bool inside);
+/// The kernel takes little for clients from now on: who stalls is felt soon.
 void expectStall();
 /// One more frame is delivered.
 void frameDone();
 bool stalling();
-/// A number below `sides`, from the run's sequence: for what a thread of the test does next.
+/// A number below `sides`, from the run's sequence.
 unsigned dice(unsigned sides);
-
-/// As pthread_create. The thread is the CLIENT; join it with pthread_join.
-void startClient(void* (*function)(void*), void* argument, pthread_t& handle);
 
 } // namespace Schedule
 
