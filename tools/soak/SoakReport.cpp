@@ -54,11 +54,6 @@ std::size_t SoakReport::medianOf(double from, double to) const
     return part.empty() ? 0 : part[part.size() / 2];
 }
 
-bool SoakReport::accountIsClosed() const
-{
-    return exact.offered == exact.delivered + exact.skipped + exact.notDue + exact.dropped;
-}
-
 bool SoakReport::restIsEqual() const
 {
     return m_atRest.descriptors == m_atStart.descriptors && m_atRest.threads == m_atStart.threads;
@@ -72,7 +67,7 @@ bool SoakReport::memoryIsFlat() const
 
 bool SoakReport::allIsWell() const
 {
-    return m_faults == 0 && exact.cycles != 0 && accountIsClosed() && restIsEqual() && memoryIsFlat();
+    return m_faults == 0 && exact.cycles != 0 && exact.closed() && restIsEqual() && memoryIsFlat();
 }
 
 std::string SoakReport::progress(double seconds) const
@@ -106,7 +101,7 @@ std::string SoakReport::table(double seconds, unsigned seed) const
     row("Seconds, seed", list({static_cast<std::uint64_t>(seconds), seed}), "", "");
     row("Buffers offered, frames", list({exact.offered + otherBuffers, frames}), "", "");
     row("Of the buffers, in checked transfers", exact.offered, "the sum of the next row",
-        verdict(accountIsClosed()));
+        verdict(exact.closed()));
     row("Delivered, skipped, not due, dropped at takeovers",
         list({exact.delivered, exact.skipped, exact.notDue, exact.dropped}), "", "");
     row("Cycles checked", exact.cycles, "some", verdict(exact.cycles != 0));

@@ -41,7 +41,6 @@ private:
     static constexpr std::size_t MOST_GROWTH = 4U << 20U;
 
     std::size_t medianOf(double from, double to) const;
-    bool accountIsClosed() const;
     bool restIsEqual() const;
     bool memoryIsFlat() const;
 

@@ -1,15 +1,11 @@
 #include "ExactStreamFixture.h"
 
-#include <random>
-
 namespace
 {
 
 const int CASES = 8;
 const int SCHEDULES = 304;   // in all cases together
 const int BUFFERS = 1000160; // offered in transfers of normal data, in all of them together
-
-typedef CheckingReader::Pace Pace;
 
 } // namespace
 
@@ -18,8 +14,6 @@ typedef CheckingReader::Pace Pace;
 class RandomStreamTest : public ExactStreamFixture, public ::testing::WithParamInterface<int>
 {
 protected:
-    int dice(int sides) { return static_cast<int>(m_random() % static_cast<unsigned>(sides)); }
-
     void schedule(unsigned seed, int buffers)
     {
         m_random.seed(seed);
@@ -49,8 +43,9 @@ protected:
                 takeOver();
             }
             if (dice(haste) == 0) {
-                const auto most = static_cast<std::uint64_t>(dice(3));
-                EXPECT_TRUE(waitFor([&] { return m_probe->queued() <= most; }));
+                EXPECT_TRUE(waitFor([this, most = static_cast<std::uint64_t>(dice(3))] {
+                    return m_probe->queued() <= most;
+                }));
             }
         }
         endTransfer();
@@ -60,12 +55,10 @@ protected:
     {
         m_host->allChannels(); // once: how often it is delivered is no matter of the seed
         EXPECT_TRUE(waitFor([&] {
-            callQueue(false);
+            callQueue();
             return !m_probe->connected() && !m_probe->senderRunning() && m_probe->storeEmpty();
         }));
     }
-
-    std::mt19937 m_random;
 };
 
 TEST_P(RandomStreamTest, EveryBufferComesOrIsCountedInEveryCycle)
@@ -76,15 +69,14 @@ TEST_P(RandomStreamTest, EveryBufferComesOrIsCountedInEveryCycle)
         SCOPED_TRACE("schedule " + std::to_string(k));
         schedule(seed + static_cast<unsigned>(GetParam() * SCHEDULES + k), BUFFERS / SCHEDULES);
     }
-    std::printf(
-        "%llu buffers in %d schedules: %llu delivered, %llu skipped, %llu not due, %llu dropped at "
-        "takeovers; %llu cycles\n",
-        static_cast<unsigned long long>(m_counts.offered), schedules,
-        static_cast<unsigned long long>(m_counts.delivered),
-        static_cast<unsigned long long>(m_counts.skipped), static_cast<unsigned long long>(m_counts.notDue),
-        static_cast<unsigned long long>(m_counts.dropped), static_cast<unsigned long long>(m_counts.cycles));
+    const auto shown = [](std::uint64_t count) { return static_cast<unsigned long long>(count); };
+    std::printf("%llu buffers in %d schedules: %llu delivered, %llu skipped, %llu not due, %llu dropped at "
+                "takeovers; "
+                "%llu cycles\n",
+                shown(m_counts.offered), schedules, shown(m_counts.delivered), shown(m_counts.skipped),
+                shown(m_counts.notDue), shown(m_counts.dropped), shown(m_counts.cycles));
     EXPECT_EQ(m_counts.offered, static_cast<unsigned>(schedules * (BUFFERS / SCHEDULES)));
-    EXPECT_EQ(m_counts.offered, m_counts.delivered + m_counts.skipped + m_counts.notDue + m_counts.dropped);
+    EXPECT_TRUE(m_counts.closed());
 }
 
 INSTANTIATE_TEST_SUITE_P(Part, RandomStreamTest, ::testing::Range(0, CASES));

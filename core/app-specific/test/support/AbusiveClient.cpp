@@ -24,34 +24,29 @@ AbusiveClient::AbusiveClient(int port, Way way, std::size_t leaveAt) : m_way(way
     static_cast<void>(::connect(m_sock, reinterpret_cast<const sockaddr*>(&address), sizeof address));
 }
 
-AbusiveClient::~AbusiveClient()
+// What is done once, as soon as it is connected.
+void AbusiveClient::beginBadly()
 {
-    leave();
-}
-
-// Connected, and what is done once at the start has been done.
-bool AbusiveClient::settled()
-{
-    pollfd entry = {m_sock, POLLOUT, 0};
-    if (!m_connected && ::poll(&entry, 1, 0) > 0) {
-        m_connected = true;
-        if (m_way == HALF_CLOSE) {
-            ::shutdown(m_sock, SHUT_WR);
-        } else if (m_way == GARBAGE) {
-            const char garbage[1000] = {'G', 'E', 'T'};
-            static_cast<void>(::send(m_sock, garbage, sizeof garbage, MSG_NOSIGNAL));
-        }
+    if (m_way == HALF_CLOSE) {
+        ::shutdown(m_sock, SHUT_WR);
+    } else if (m_way == GARBAGE) {
+        const char garbage[1000] = {'G', 'E', 'T'};
+        static_cast<void>(::send(m_sock, garbage, sizeof garbage, MSG_NOSIGNAL));
     }
-    return m_connected;
+    m_connected = true;
 }
 
 bool AbusiveClient::step()
 {
-    if (m_sock < 0 || !settled()) {
-        return m_sock < 0;
+    pollfd entry = {m_sock, POLLOUT, 0};
+    if (m_sock < 0) {
+        return true;
     }
-    if (m_way == STALL) {
-        return false; // it reads nothing, so it doesn't see its end either
+    if (!m_connected && ::poll(&entry, 1, 0) > 0) {
+        beginBadly();
+    }
+    if (!m_connected || m_way == STALL) {
+        return false; // one that reads nothing doesn't see its end either
     }
     char bytes[4096];
     while (m_bytesRead < m_leaveAt) {
@@ -68,20 +63,14 @@ bool AbusiveClient::step()
     return true;
 }
 
-void AbusiveClient::leave()
-{
-    close(true);
-}
-
 void AbusiveClient::close(bool reset)
 {
-    if (m_sock < 0) {
-        return;
-    }
     const linger now = {1, 0};
-    if (reset) {
+    if (m_sock >= 0 && reset) {
         ::setsockopt(m_sock, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     }
-    ::close(m_sock);
+    if (m_sock >= 0) {
+        ::close(m_sock);
+    }
     m_sock = -1;
 }

@@ -3,7 +3,8 @@
 
 #include <cstddef>
 
-/// A connection that misbehaves. It never waits, so the host's own thread can lead it, a step at a time.
+/// A connection that misbehaves. It never waits, so the host's own thread can lead it, a step at a time. At
+/// its end it goes with a reset.
 class AbusiveClient
 {
 public:
@@ -13,25 +14,23 @@ public:
         RESET,      ///< Reads so many bytes and resets.
         HALF_CLOSE, ///< Ends its own direction at once, reads so many bytes and closes.
         GARBAGE,    ///< Sends bytes that nobody reads, then as GO.
-        STALL,      ///< Never reads; stays until it is told to leave.
+        STALL,      ///< Never reads; stays until its end.
         NO_WAYS
     };
 
     /// Begins to connect to the port on loopback.
     AbusiveClient(int port, Way way, std::size_t leaveAt);
-    ~AbusiveClient();
+    ~AbusiveClient() { close(true); }
 
     AbusiveClient(const AbusiveClient&) = delete;
     AbusiveClient& operator=(const AbusiveClient&) = delete;
 
     /// Does what can be done now. True when it has left, or has found its connection ended.
     bool step();
-    /// Goes now, with a reset.
-    void leave();
     std::size_t bytesRead() const { return m_bytesRead; }
 
 private:
-    bool settled();
+    void beginBadly();
     void close(bool reset);
 
     const Way m_way;

@@ -9,9 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 /// A client on a thread of its own that reads all it gets and hands it on cycle by cycle, to be checked.
 class CheckingReader
@@ -20,7 +18,7 @@ public:
     enum class Pace
     {
         FAST,
-        SLOW,      ///< In small bites, resting after each.
+        SLOW,      ///< Rests after each cycle.
         STUTTERING ///< Stops at random for some frames of the host.
     };
     /// Called on the reader's thread. `newConnection` for the first cycle of a connection but the first.
@@ -50,13 +48,8 @@ public:
 
 private:
     void run();
-    bool readSome();
     bool nextClient();
-    void handOn();
-    void settleIn();
-    bool decode(WireCycle& cycle);
-    bool take(std::size_t& position, std::size_t byteSize) const;
-    std::uint32_t number(std::size_t position) const;
+    void handOn(const WireCycle& cycle);
     void rest(std::uint64_t beats, int most_us);
 
     const Pace m_pace;
@@ -64,9 +57,6 @@ private:
     std::mt19937 m_random;
     std::unique_ptr<StreamClient> m_client;
     bool m_newConnection = false;
-    std::vector<char> m_bytes; // from m_begin to m_end: read and not handed on
-    std::size_t m_begin = 0;
-    std::size_t m_end = 0;
 
     std::mutex m_mutex; // guards m_next
     std::unique_ptr<StreamClient> m_next;

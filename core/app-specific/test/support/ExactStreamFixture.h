@@ -6,7 +6,9 @@
 #include "StreamFixture.h"
 #include "StreamOracle.h"
 
+#include <cstdio>
 #include <deque>
+#include <random>
 #include <string>
 #include <utility>
 
@@ -19,6 +21,8 @@
 class ExactStreamFixture : public StreamFixture
 {
 protected:
+    typedef CheckingReader::Pace Pace;
+
     /// A total for the builds that run at full speed; a share of it, said so, for the others.
     static int shareOf(int total)
     {
@@ -29,6 +33,8 @@ protected:
         return total / LODESTONE_TEST_SHARE;
     }
 
+    int dice(int sides) { return static_cast<int>(m_random() % static_cast<unsigned>(sides)); }
+
     void open(const StreamPlan& plan, unsigned seed, std::uint32_t largest)
     {
         m_plan = plan;
@@ -37,42 +43,43 @@ protected:
     }
 
     /// Hands the queue the host's last delivery.
-    Lodestone::PerPackageDiag* callQueue(bool constant)
+    Lodestone::PerPackageDiag* callQueue(bool constant = false)
     {
         std::vector<AlgoMeasBuffer>& array = m_host->array();
         return m_queue->addBuffers(array.data(), static_cast<std::uint32_t>(array.size()), constant);
     }
 
-    void beginTransfer(CheckingReader::Pace pace)
+    void beginTransfer(Pace pace)
     {
         m_cycles.clear();
         m_takenOverAt = 0;
         m_oracle = std::make_unique<StreamOracle>(m_plan, m_host->number() + 1, true);
-        const int receiveBuffer = pace == CheckingReader::Pace::FAST ? 0 : 4096;
         m_reader = std::make_unique<CheckingReader>(
-            connectClient(receiveBuffer), pace, m_host->number(),
+            connectClient(pace == Pace::FAST ? 0 : 4096), pace, m_host->number(),
             [this](const WireCycle& cycle, bool isNew) { m_cycles.emplace_back(cycle, isNew); });
         m_plan.hasOnce() ? m_host->onceChannels() : m_host->allChannels();
         ASSERT_TRUE(waitFor([&] {
             if (m_probe->state() == 2 && m_probe->senderRunning() && !m_probe->restartMarked()) {
                 return true;
             }
-            callQueue(false);
+            callQueue();
             return false;
         }));
     }
 
     /// Delivers what the host made last, in a transfer of normal data.
-    void deliverExactly(const OfferedDelivery& made, bool constant = false)
+    void deliverExactly(OfferedDelivery delivery, bool constant = false)
     {
-        OfferedDelivery delivery = made;
         delivery.constant = constant;
         delivery.hostTold = true;
+        delivery.slack = m_reader != nullptr ? 1 : 0;
         delivery.frontBefore = m_probe->frontCycle();
         const std::uint32_t skippedBefore = m_probe->numSkipped();
         const Lodestone::PerPackageDiag* const diag = callQueue(constant);
-        m_reader->beat();
         ASSERT_EQ(diag == nullptr, delivery.buffers.empty());
+        if (m_reader != nullptr) {
+            m_reader->beat();
+        }
         if (diag == nullptr) {
             return;
         }
@@ -112,12 +119,18 @@ protected:
         for (const auto& cycle : m_cycles) {
             m_oracle->check(cycle.first, cycle.second);
         }
-        m_oracle->finish();
-        EXPECT_EQ(m_oracle->numSkipped(), m_probe->numSkipped());
-        EXPECT_EQ(m_oracle->faults(), std::vector<std::string>()) << m_plan.text();
+        finishOracle();
         m_counts += m_oracle->counts();
     }
 
+    void finishOracle()
+    {
+        m_oracle->finish();
+        EXPECT_EQ(m_oracle->numSkipped(), m_probe->numSkipped());
+        EXPECT_EQ(m_oracle->faults(), std::vector<std::string>()) << m_plan.text();
+    }
+
+    std::mt19937 m_random;
     StreamPlan m_plan;
     std::unique_ptr<RandomHost> m_host;
     std::unique_ptr<StreamOracle> m_oracle;

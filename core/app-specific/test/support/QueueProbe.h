@@ -80,6 +80,7 @@ struct QueueProbe
         {
             MutexLocker lock(q.m_addBufferMutex);
             q.reset();
+            q.m_numSkipped = 0; // as the next client's first frame does
         }
         playSender();
     }

@@ -1,10 +1,8 @@
 #include "StreamClient.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <netinet/in.h>
 #include <poll.h>
 #include <random>
@@ -152,64 +150,37 @@ StreamClient::~StreamClient()
 WireCycle StreamClient::readCycle()
 {
     WireCycle cycle;
-    cycle.bytes = readBytes(12);
-    if (cycle.bytes.size() < 12) {
+    std::string& bytes = cycle.bytes;
+    if (!append(bytes, 12)) {
         return cycle;
     }
-    cycle.counter = static_cast<std::uint32_t>(number(cycle.bytes, 4));
-    const std::int32_t count = number(cycle.bytes, 8);
-    for (std::int32_t k = 0; k < count; ++k) {
-        const std::string header = readBytes(20);
-        cycle.bytes += header;
-        if (header.size() < 20) {
-            return cycle;
-        }
-        WireEntry entry;
-        entry.channelID = number(header, 0);
-        entry.numberOfParts = number(header, 4);
-        entry.totalSize = number(header, 8);
-        entry.partNumber = number(header, 12);
-        const auto partByteSize = static_cast<std::size_t>(number(header, 16));
-        entry.payload = readBytes(partByteSize);
-        cycle.bytes += entry.payload;
-        if (entry.payload.size() < partByteSize) {
-            return cycle;
-        }
-        cycle.entries.push_back(std::move(entry));
+    cycle.counter = static_cast<std::uint32_t>(number(bytes, 4));
+    std::int32_t left = number(bytes, 8);
+    std::size_t header = bytes.size();
+    bool whole = left > 0 && append(bytes, 20);
+    for (; whole && left > 0; --left) {
+        const auto partByteSize = static_cast<std::size_t>(number(bytes, header + 16));
+        whole = append(bytes, partByteSize + (left > 1 ? 20 : 0)); // with the next header
+        cycle.entries.push_back({number(bytes, header), number(bytes, header + 4), number(bytes, header + 8),
+                                 number(bytes, header + 12), bytes.substr(header + 20, partByteSize)});
+        header += 20 + partByteSize;
     }
-    cycle.complete = number(cycle.bytes, 0) == 0 && count > 0;
+    cycle.complete = whole && number(bytes, 0) == 0;
     return cycle;
 }
 
-bool StreamClient::skipCycle()
+bool StreamClient::append(std::string& bytes, std::size_t byteSize)
 {
-    static char bytes[1 << 16];
-    if (readInto(bytes, 12) < 12) {
-        return false;
-    }
-    std::int32_t count = 0;
-    std::memcpy(&count, bytes + 8, sizeof count);
-    for (; count > 0; --count) {
-        if (readInto(bytes, 20) < 20) {
-            return false;
-        }
-        std::int32_t size = 0;
-        std::memcpy(&size, bytes + 16, sizeof size);
-        for (auto left = static_cast<std::size_t>(size); left > 0;) {
-            const std::size_t piece = std::min(left, sizeof bytes);
-            if (readInto(bytes, piece) < piece) {
-                return false;
-            }
-            left -= piece;
-        }
-    }
-    return true;
+    const std::size_t before = bytes.size();
+    bytes.resize(before + byteSize);
+    bytes.resize(before + readInto(&bytes[before], byteSize));
+    return bytes.size() == before + byteSize;
 }
 
 std::string StreamClient::readBytes(std::size_t byteSize)
 {
-    std::string bytes(byteSize, '\0');
-    bytes.resize(readInto(&bytes[0], byteSize));
+    std::string bytes;
+    append(bytes, byteSize);
     return bytes;
 }
 
@@ -218,32 +189,50 @@ std::size_t StreamClient::readInto(char* bytes, std::size_t byteSize)
     const auto deadline = testDeadline();
     std::size_t total = 0;
     while (m_sock >= 0 && total < byteSize && std::chrono::steady_clock::now() < deadline) {
-        pollfd entry = {m_sock, POLLIN, 0};
-        if (::poll(&entry, 1, 100) <= 0) {
+        if (!somethingWaits(100)) {
             continue;
         }
-        const ssize_t count = ::recv(m_sock, bytes + total, byteSize - total, 0);
-        if (count <= 0) {
+        const std::size_t count = receive(bytes + total, byteSize - total);
+        if (count == 0) {
             break;
         }
-        total += static_cast<std::size_t>(count);
+        total += count;
     }
     return total;
 }
 
-bool StreamClient::waitForEnd()
+std::size_t StreamClient::receive(char* bytes, std::size_t byteSize)
 {
-    return waitFor([this] {
-        char bytes[65536];
-        pollfd entry = {m_sock, POLLIN, 0};
-        return ::poll(&entry, 1, 100) > 0 && ::recv(m_sock, bytes, sizeof bytes, 0) <= 0;
-    });
+    if (m_mostAhead == 0) {
+        const ssize_t count = ::recv(m_sock, bytes, byteSize, 0);
+        return count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    if (m_taken == m_ahead.size()) {
+        m_ahead.resize(m_mostAhead);
+        const ssize_t count = ::recv(m_sock, &m_ahead[0], m_mostAhead, 0);
+        m_ahead.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+        m_taken = 0;
+    }
+    const std::size_t count = m_ahead.copy(bytes, byteSize, m_taken);
+    m_taken += count;
+    return count;
 }
 
-bool StreamClient::somethingWaits() const
+bool StreamClient::drain(int patience_ms)
+{
+    char bytes[1 << 16];
+    return !somethingWaits(patience_ms) || ::recv(m_sock, bytes, sizeof bytes, 0) > 0;
+}
+
+bool StreamClient::waitForEnd()
+{
+    return waitFor([this] { return !drain(100); });
+}
+
+bool StreamClient::somethingWaits(int patience_ms) const
 {
     pollfd entry = {m_sock, POLLIN, 0};
-    return ::poll(&entry, 1, 0) > 0;
+    return m_taken != m_ahead.size() || ::poll(&entry, 1, patience_ms) > 0;
 }
 
 void StreamClient::close()

@@ -68,23 +68,32 @@ public:
     bool connected() const { return m_sock >= 0; }
     int descriptor() const { return m_sock; }
 
+    /// From now on reads up to `byteSize` bytes more than are asked for at a time, for speed; not before a
+    /// drain.
+    void readAhead(std::size_t byteSize) { m_mostAhead = byteSize; }
     WireCycle readCycle();
-    /// Reads a cycle and keeps nothing of it; touches no heap. False if it doesn't come whole.
-    bool skipCycle();
     /// Up to `byteSize` bytes; fewer if the stream ends.
     std::string readBytes(std::size_t byteSize);
+    /// Reads some of what waits, if anything does, and drops it; touches no heap. False at the connection's
+    /// end.
+    bool drain(int patience_ms = 0);
     /// Reads and drops until the connection ends; false at the deadline.
     bool waitForEnd();
-    /// Whether bytes (or the end) wait to be read, without waiting.
-    bool somethingWaits() const;
+    /// Whether bytes (or the end) wait to be read; without waiting, as a rule.
+    bool somethingWaits(int patience_ms = 0) const;
     void close();
     /// Ends the connection at once, with a reset.
     void vanish();
 
 private:
+    bool append(std::string& bytes, std::size_t byteSize);
     std::size_t readInto(char* bytes, std::size_t byteSize);
+    std::size_t receive(char* bytes, std::size_t byteSize);
 
     int m_sock = -1;
+    std::size_t m_mostAhead = 0;
+    std::string m_ahead; // read and, from m_taken on, not asked for yet
+    std::size_t m_taken = 0;
 };
 
 #endif

@@ -29,9 +29,14 @@ const char* pieceOf(int channelID, std::uint32_t number)
     return noise().data() + (hash * 3266489917U >> 16);
 }
 
-char numberByte(std::uint32_t number, std::uint32_t k)
+// The first bytes of a buffer.
+std::string bytesOf(std::uint32_t number)
 {
-    return static_cast<char>(number >> (8 * k));
+    std::string bytes(NUMBER_SIZE, '\0');
+    for (std::uint32_t k = 0; k < NUMBER_SIZE; ++k) {
+        bytes[k] = static_cast<char>(number >> (8 * k));
+    }
+    return bytes;
 }
 
 } // namespace
@@ -50,12 +55,6 @@ char StreamPlan::kindOf(int channelID) const
 {
     const auto it = channels.find(channelID);
     return it == channels.end() ? '-' : it->second;
-}
-
-bool StreamPlan::isSplit(int channelID) const
-{
-    const char kind = kindOf(channelID);
-    return kind == 's' || kind == 'i';
 }
 
 bool StreamPlan::hasOnce() const
@@ -97,22 +96,17 @@ void fillContent(char* bytes, std::uint32_t byteSize, int channelID, std::uint32
 {
     if (byteSize != 0) {
         std::memcpy(bytes, pieceOf(channelID, number), byteSize);
-    }
-    for (std::uint32_t k = 0; k < std::min(byteSize, NUMBER_SIZE); ++k) {
-        bytes[k] = numberByte(number, k);
+        bytesOf(number).copy(bytes, byteSize);
     }
 }
 
 bool isContent(const std::string& slice, std::uint32_t offset, int channelID, std::uint32_t number)
 {
-    std::size_t k = 0;
-    for (; k < slice.size() && offset + k < NUMBER_SIZE; ++k) {
-        if (slice[k] != numberByte(number, static_cast<std::uint32_t>(offset + k))) {
-            return false;
-        }
-    }
-    const char* const piece = pieceOf(channelID, number) + offset;
-    return k >= slice.size() || std::memcmp(piece + k, slice.data() + k, slice.size() - k) == 0;
+    const std::uint32_t inNumber = std::min(offset, NUMBER_SIZE);
+    const std::size_t head = std::min<std::size_t>(slice.size(), NUMBER_SIZE - inNumber);
+    const char* const rest = pieceOf(channelID, number) + offset + head;
+    return slice.compare(0, head, bytesOf(number), inNumber, head) == 0 &&
+           slice.compare(head, std::string::npos, rest, slice.size() - head) == 0;
 }
 
 std::uint32_t numberIn(const std::string& bytes)

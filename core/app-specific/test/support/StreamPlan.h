@@ -20,7 +20,7 @@ struct StreamPlan
     /// What follows the port in the configuration string.
     std::string text() const;
     char kindOf(int channelID) const;
-    bool isSplit(int channelID) const;
+    bool isSplit(int channelID) const { return kindOf(channelID) == 's' || kindOf(channelID) == 'i'; }
     int partsOf(int channelID) const { return isSplit(channelID) ? splitCount : 1; }
     bool hasOnce() const;
     std::uint32_t smallestSize(int channelID) const;

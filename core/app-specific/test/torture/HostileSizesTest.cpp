@@ -39,9 +39,13 @@ protected:
         return Lodestone_Apply(array.data(), size, constantBuffers ? 1 : 0);
     }
 
-    static void applyUntilRead(const StreamClient& client, const std::vector<AlgoMeasBuffer>& array)
+    /// The next cycle, for which `array` is delivered as often as it takes.
+    static WireCycle applyAndRead(StreamClient& client, const std::vector<AlgoMeasBuffer>& array)
     {
         EXPECT_TRUE(waitFor([&] { return client.somethingWaits() || apply(array) != 0; }));
+        WireCycle cycle = client.readCycle();
+        EXPECT_TRUE(cycle.complete);
+        return cycle;
     }
 
     const int m_port = freePort();
@@ -80,36 +84,29 @@ TEST_F(HostileSizes, SizesWithoutBytesAreEmptyEntriesOfEveryType)
                 {nullptr, 5, 0, ""},
                 {nullptr, 0x7FFFFFFFU, 0, ""},
                 {nullptr, 0xFFFFFFFFU, -1, ""}};
-    const int WHOLE = 100;
-    const int SPLIT = 200;
-    const int ONCE = 300;
     std::string config = "3,1,9";
     std::vector<AlgoMeasBuffer> array;
-    int row = 0;
     for (const auto& r : rows) {
-        for (const auto& [channel, type] : {std::pair(WHOLE, ",n"), {SPLIT, ",s"}, {ONCE, ",o"}}) {
-            config += ":" + std::to_string(channel + row) + type;
-            array.push_back(buffer(channel + row, r.bytes, r.sizeTotal));
+        for (const char type : {'n', 's', 'o'}) {
+            const int channel = 100 + static_cast<int>(array.size());
+            config += ":" + std::to_string(channel) + "," + type;
+            array.push_back(buffer(channel, r.bytes, r.sizeTotal));
         }
-        ++row;
     }
     for (const bool constantBuffers : {false, true}) {
         start(config);
         EXPECT_EQ(apply(array, constantBuffers), 0);
         StreamClient client(m_port);
-        applyUntilRead(client, array);
-        const WireCycle once = client.readCycle();
-        applyUntilRead(client, array);
-        const WireCycle cycle = client.readCycle();
-        ASSERT_TRUE(once.complete && once.isOnce() && cycle.complete);
-        row = 0;
+        const WireCycle once = applyAndRead(client, array);
+        const WireCycle cycle = applyAndRead(client, array);
+        EXPECT_TRUE(once.isOnce());
+        int channel = 100;
         for (const auto& r : rows) {
-            for (const WireEntry& entry :
-                 {entryOf(once, ONCE + row), entryOf(cycle, WHOLE + row), entryOf(cycle, SPLIT + row)}) {
-                EXPECT_EQ(entry.totalSize, r.onWire) << row;
-                EXPECT_EQ(entry.payload, r.payload) << row;
+            for (const WireCycle* const place : {&cycle, &cycle, &once}) {
+                const WireEntry& entry = entryOf(*place, channel++);
+                EXPECT_EQ(entry.totalSize, r.onWire) << entry.channelID;
+                EXPECT_EQ(entry.payload, r.payload) << entry.channelID;
             }
-            ++row;
         }
     }
 }
@@ -124,8 +121,7 @@ TEST_F(HostileSizes, LargestBufferIsSentOrRefused)
     }
     start("1,1,1:10,n");
     StreamClient client(m_port);
-    applyUntilRead(client, {buffer(10, "x", 1)});
-    EXPECT_TRUE(client.readCycle().complete);
+    applyAndRead(client, {buffer(10, "x", 1)});
     if (sizeof(void*) == 4) {
         EXPECT_EQ(apply({buffer(10, &client, 0x7FFFFFFF)}), 1); // no such room in the address space
         EXPECT_EQ(GetLastErrorString(), "std::bad_alloc");
@@ -157,10 +153,8 @@ TEST_F(HostileSizes, LargestNumbersOfPartsFramesAndCycles)
     StreamClient client(m_port);
     const Frame frame = {{SMALLEST, "no"}, {-1, "such"}, {LARGEST, "de"},
                          {10, "whole"},    {20, "due"},  {0, "abc"}};
-    applyUntilRead(client, arrayOf(frame));
     for (int part = 0; part < 5; ++part) {
-        const WireCycle cycle = client.readCycle();
-        ASSERT_TRUE(cycle.complete);
+        const WireCycle cycle = applyAndRead(client, arrayOf(frame));
         const WireEntry& low = entryOf(cycle, 0);
         const WireEntry& high = entryOf(cycle, LARGEST);
         EXPECT_EQ(low.numberOfParts, LARGEST);
@@ -182,23 +176,19 @@ TEST_F(HostileSizes, AThousandChannelsInOneFrame)
     Frame frame;
     for (int channel = 0; channel < NO_CHANNELS; ++channel) {
         config += ":" + std::to_string(channel) + "," + "nsio"[channel % 4];
-        const std::string digits = std::to_string(10000000 + channel);
-        frame.emplace_back(channel, digits);
+        frame.emplace_back(channel, std::to_string(10000000 + channel));
     }
     start(config);
     StreamClient client(m_port);
-    applyUntilRead(client, arrayOf(frame));
-    const WireCycle once = client.readCycle();
+    const WireCycle once = applyAndRead(client, arrayOf(frame));
     EXPECT_TRUE(once.isOnce());
     EXPECT_EQ(once.entries.size(), 250U);
-    applyUntilRead(client, arrayOf(frame));
     std::map<int, std::string> received;
     for (const WireEntry& entry : once.entries) {
         received[entry.channelID] = entry.payload;
     }
     for (int part = 0; part < 4; ++part) {
-        const WireCycle cycle = client.readCycle();
-        ASSERT_TRUE(cycle.complete);
+        const WireCycle cycle = applyAndRead(client, arrayOf(frame));
         for (const int channel : cycle.channels()) {
             const bool whole = channel % 4 == 0;
             received[channel] += part == 0 || !whole ? cycle.find(channel)->payload : "";
@@ -243,8 +233,7 @@ TEST_F(HostileSizes, ConfigurationStringsOfTenMegabytes)
             continue;
         }
         StreamClient client(m_port);
-        applyUntilRead(client, arrayOf({{1, "one"}}));
-        EXPECT_EQ(entryOf(client.readCycle(), 1).payload, "one");
+        EXPECT_EQ(entryOf(applyAndRead(client, arrayOf({{1, "one"}})), 1).payload, "one");
     }
 }
 
