@@ -321,6 +321,19 @@ TEST_F(StreamingTest, OnceDataOfALostClientIsCollectedAfresh)
     EXPECT_EQ(shown(client->readCycle()), next + "/0: 300.-1=new a 301.-1=new b");
 }
 
+TEST_F(StreamingTest, OnlyOnceChannelsServeEveryClientThatComes)
+{
+    openQueue("1,1,9:300,o:301,o");
+    auto client = connectClient();
+    for (int round = 0; round < 3; ++round) {
+        reachNormalData({{300, "a"}, {301, "b"}});
+        EXPECT_EQ(shown(client->readCycle()), std::to_string(round) + "/0: 300.-1=a 301.-1=b");
+        EXPECT_EQ(deliver({{300, "a"}}), nullptr);
+        client->close();
+        client = connectClient();
+    }
+}
+
 // ---------------------------------------------------------------------------------------------------------------------
 // The edges
 

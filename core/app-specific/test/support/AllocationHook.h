@@ -43,8 +43,10 @@ public:
     /// nothing.
     static std::size_t liveBlocks();
 
-    /// Bytes in them, as the heap rounds them.
+    /// Bytes in them, as the heap rounds them: two blocks of one size may differ by ROUNDING, for a place
+    /// that is a little too large isn't split.
     static std::size_t liveBytes();
+    static constexpr std::size_t ROUNDING = 16;
 
 private:
     const Threads m_threads;

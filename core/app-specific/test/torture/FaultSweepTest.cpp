@@ -72,10 +72,10 @@ protected:
     {
         int faults = 0;
         for (int number = 1; number < MOST_CALLS && !HasFailure();) {
-            const auto before = holdings();
+            const Holdings before;
             const int threads = FaultCalls::threadsUnjoined();
             const int hits = run({&kind, number, everAfter});
-            EXPECT_EQ(holdings(), before);
+            EXPECT_EQ(Holdings(), before);
             EXPECT_EQ(FaultCalls::threadsUnjoined(), threads);
             EXPECT_FALSE(HasFailure()) << runLabel();
             if (hits == 0) {

@@ -4,7 +4,7 @@
 #include "ALStructs_extif.h"
 #include "StreamClient.h"
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -51,8 +51,17 @@ struct HostApi
 void labelRun(const std::string& label);
 const char* runLabel();
 
-/// What the process has: blocks of the heap, bytes in them, descriptors.
-std::array<std::size_t, 3> holdings();
+/// What the process has now.
+struct Holdings
+{
+    Holdings();
+    std::size_t blocks; ///< Of the heap.
+    std::size_t bytes;  ///< In them.
+    std::ptrdiff_t descriptors;
+};
+/// Whether nothing has leaked. Bytes may differ by as much as the heap rounds them.
+bool operator==(const Holdings& a, const Holdings& b);
+std::ostream& operator<<(std::ostream& stream, const Holdings& holdings); // for the messages of GoogleTest
 
 /// Channels of each frame.
 typedef std::vector<std::vector<int>> Frames;

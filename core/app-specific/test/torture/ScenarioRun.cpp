@@ -87,11 +87,22 @@ const char* runLabel()
     return g_label;
 }
 
-std::array<std::size_t, 3> holdings()
+Holdings::Holdings()
+    : blocks(AllocationScope::liveBlocks()), bytes(AllocationScope::liveBytes()),
+      descriptors(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}))
+{}
+
+bool operator==(const Holdings& a, const Holdings& b)
 {
-    const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-    return {AllocationScope::liveBlocks(), AllocationScope::liveBytes(),
-            static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)))};
+    const std::size_t difference = std::max(a.bytes, b.bytes) - std::min(a.bytes, b.bytes);
+    return a.blocks == b.blocks && a.descriptors == b.descriptors &&
+           difference <= a.blocks * AllocationScope::ROUNDING;
+}
+
+std::ostream& operator<<(std::ostream& stream, const Holdings& holdings)
+{
+    return stream << holdings.blocks << " blocks, " << holdings.bytes << " bytes, " << holdings.descriptors
+                  << " descriptors";
 }
 
 struct ScenarioRun::Reader

@@ -135,7 +135,7 @@ protected:
     {
         labelRun("LODESTONE_TEST_SEED=" + std::to_string(plan.seed) + ", stalled " +
                  std::string(plan.stalled) + " " + std::to_string(plan.stalledAt));
-        const auto before = holdings();
+        const Holdings before;
         Schedule::begin(plan);
         {
             Shuffled shuffled;
@@ -145,7 +145,7 @@ protected:
         }
         const Schedule::Outcome outcome = Schedule::end();
         // The first run leaves what the library keeps for its next queue.
-        EXPECT_TRUE(!m_warm || holdings() == before) << "leak";
+        EXPECT_TRUE(!m_warm || Holdings() == before) << "leak";
         EXPECT_FALSE(HasFailure()) << runLabel();
         m_warm = true;
         return outcome;
