@@ -105,6 +105,7 @@ protected:
     /// No client, no sender, nothing stored.
     void settle()
     {
+        oneAtATime(12, AbusiveClient::GO); // it comes behind all who haven't been accepted yet
         framesUntil([&] {
             return !m_probe->connected() && !m_probe->senderRunning() && m_probe->storeEmpty() &&
                    !m_probe->restartMarked();
