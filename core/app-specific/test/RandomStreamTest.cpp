@@ -32,14 +32,15 @@ protected:
         const Pace paces[] = {Pace::FAST, Pace::SLOW, Pace::STUTTERING};
         ASSERT_NO_FATAL_FAILURE(beginTransfer(paces[dice(3)]));
         const int haste = dice(3) == 0 ? 1000000 : 1 + dice(20);
-        const int takeOvers = m_plan.tagged && dice(2) == 0 ? buffers / 20 : 1000000; // a frame in so many
+        // A frame in so many, or none: only tagged bytes tell the oracle what was lost there.
+        const int takeOvers = m_plan.tagged && dice(2) == 0 ? buffers / 20 : 0;
         // The last delivery counts too, and has all channels.
         int left = buffers - static_cast<int>(m_host->allChannels().buffers.size());
         while (left > 0) {
             const OfferedDelivery& made = m_host->someChannels(static_cast<std::size_t>(left));
             left -= static_cast<int>(made.buffers.size());
             ASSERT_NO_FATAL_FAILURE(deliverExactly(made, dice(8) == 0));
-            if (dice(takeOvers) == 0) {
+            if (takeOvers != 0 && dice(takeOvers) == 0) {
                 takeOver();
             }
             if (dice(haste) == 0) {
