@@ -1,5 +1,3 @@
-#include "ReaderError.h"
-#include "RecordView.h"
 #include "StreamModel.h"
 #include "TapOptions.h"
 #include "support/DescriptionBytes.h"
@@ -116,6 +114,7 @@ TEST(RecordDescription, BrokenOneNamesItsPlace)
         {77, 3, "57: field x has type 0x01 of 3 bytes"},
         {87, 1, "88: a type stands where a name or the end of a structure is due"},
         {93, 's', "88: field s stands twice in its structure"},
+        {99, 0xFF, "88: field y has dimensions that don't fit its structure"},
         {102, 0, "88: field y has dimensions that don't fit its structure"},
         {107, 15, "88: field y overlaps the field before it, or lies before its structure"},
         {encoder.description().size(), 0, "123: bytes behind the end of the root structure"},
@@ -131,33 +130,6 @@ TEST(RecordDescription, BrokenOneNamesItsPlace)
         EXPECT_EQ(errorBehindACycle(StreamBytes().cycle(8, 1).whole(10999, payload)),
                   "stream broken at byte 49, cycle 8: channel 10999: " + error);
     }
-}
-
-TEST(RecordView, BadPathsAreNamed)
-{
-    const RecordDescription description =
-        RecordDescription::decode(described("record R size 64\nint8 byte at 0\nuint64 wide at 8\n"
-                                            "int16 matrix[2][3] at 16\nstruct s[2] at 32 size 8\n"
-                                            "uint8 a[2] at 2\nend\nend\n")
-                                      .packed());
-    const Bytes bytes(64, 0xF0);
-    const RecordView record(description, bytes);
-    const std::pair<std::string, const char*> cases[] = {
-        {"byte", " can't be read as an integer of the type asked for"},
-        {"wide", " can't be read as an integer of the type asked for"},
-        {"matrix[1]", " is an array, an index is missing"},
-        {"matrix[2][0]", ": index 2 is outside matrix"},
-        {"matrix[-1]", " has a bad index"},
-        {"s[0]", " is a structure"},
-        {"s.a", ": s is an array, an index is missing"},
-        {"s[0][0].a", ": index 0 is outside s"},
-        {"s[0]a", " isn't a path of names and indexes"},
-        {"byte.x", ": byte has no field 'x'"},
-    };
-    for (const auto& [path, error] : cases) {
-        EXPECT_EQ(errorOf([&record, path = path] { record.read<std::uint32_t>(path); }), path + error);
-    }
-    EXPECT_THROW(RecordView(description, Bytes(63)), ReaderError);
 }
 
 TEST(TapOptions, CommandLinesAreReadOrRefused)

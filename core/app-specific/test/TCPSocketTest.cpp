@@ -27,6 +27,7 @@ namespace
 {
 
 int g_rests = 0; // milliseconds, of polls that wait for nothing
+bool g_optionsFail = false;
 
 } // namespace
 
@@ -35,6 +36,12 @@ extern "C" int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms)
 {
     g_rests += count == 0 ? timeout_ms : 0;
     return __real_poll(entries, count, timeout_ms);
+}
+
+extern "C" int __real_setsockopt(int sock, int level, int name, const void* value, socklen_t length);
+extern "C" int __wrap_setsockopt(int sock, int level, int name, const void* value, socklen_t length)
+{
+    return g_optionsFail ? -1 : __real_setsockopt(sock, level, name, value, length);
 }
 
 namespace
@@ -168,6 +175,9 @@ TEST(TCPServerSocket, BindsTheLowBitsOfThePortAgainInSpiteOfOldConnections)
         EXPECT_TRUE(pair.peer.waitForEnd());
         pair.peer.close();
     }
+    g_optionsFail = true;
+    EXPECT_EQ("Unable to set socket option", failureOf([&] { TCPServerSocket second(port); }));
+    g_optionsFail = false;
     Listener again(0x30000 + port);
     EXPECT_EQ(port, again.port());
     EXPECT_EQ(htonl(INADDR_ANY), again.address().sin_addr.s_addr);
