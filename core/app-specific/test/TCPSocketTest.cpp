@@ -47,50 +47,37 @@ extern "C" int __wrap_setsockopt(int sock, int level, int name, const void* valu
 namespace
 {
 
-/// Shows the descriptor of a socket, and can put it under a higher number.
+/// Shows the descriptor of a socket.
 template<typename Base>
-class Opened : public Base
+struct Opened : Base
 {
-public:
     using Base::Base;
-
-    int descriptor() const { return this->m_sock; }
-
-    void renumber(int least)
-    {
-        const int higher = ::fcntl(this->m_sock, F_DUPFD_CLOEXEC, least);
-        ASSERT_GE(higher, least);
-        ::close(this->m_sock);
-        this->m_sock = higher;
-    }
-
-    sockaddr_in address() const
-    {
-        sockaddr_in address = {};
-        socklen_t length = sizeof address;
-        EXPECT_EQ(0, ::getsockname(this->m_sock, reinterpret_cast<sockaddr*>(&address), &length));
-        return address;
-    }
-
-    int port() const { return ntohs(address().sin_port); }
+    using Base::m_sock;
 };
 
 typedef Opened<TCPSocket> Connection;
 typedef Opened<TCPServerSocket> Listener;
 
+sockaddr_in addressOf(const Listener& listener)
+{
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(0, ::getsockname(listener.m_sock, reinterpret_cast<sockaddr*>(&address), &length));
+    return address;
+}
+
 /// A listener on a port of the kernel's choice, and both ends of a connection to it.
 struct Pair
 {
     Listener listener{0};
-    StreamClient peer{listener.port()};
+    int port = ntohs(addressOf(listener).sin_port);
+    StreamClient peer{port};
     Connection connection{7};
 
     Pair()
     {
         EXPECT_TRUE(listener.waitForReadyRead(1500)); // more than a second goes into one field, too
         EXPECT_EQ(AcceptResult::CONNECTED, listener.accept(connection));
-        EXPECT_EQ(FD_CLOEXEC, ::fcntl(listener.descriptor(), F_GETFD));
-        EXPECT_EQ(FD_CLOEXEC, ::fcntl(connection.descriptor(), F_GETFD));
     }
 
     void peerSends(const std::string& bytes) const
@@ -148,7 +135,7 @@ TEST(TCPSocket, EachKindOfProgressCounts)
         }
     }
     Pair pair;
-    ::fcntl(pair.connection.descriptor(), F_SETFL, O_NONBLOCK); // a send that would hang fails
+    ::fcntl(pair.connection.m_sock, F_SETFL, O_NONBLOCK); // a send that would hang fails
     const std::string block(1 << 16, 'x');
     std::uint64_t sent = 0;
     while (failureOf([&] {
@@ -169,7 +156,7 @@ TEST(TCPServerSocket, BindsTheLowBitsOfThePortAgainInSpiteOfOldConnections)
     int port = 0;
     {
         Pair pair;
-        port = pair.listener.port();
+        port = pair.port;
         EXPECT_EQ("Error calling bind()", failureOf([&] { TCPServerSocket second(port); }));
         pair.connection.abort(); // this end closes first, so the port stays with the connection for a minute
         EXPECT_TRUE(pair.peer.waitForEnd());
@@ -179,8 +166,8 @@ TEST(TCPServerSocket, BindsTheLowBitsOfThePortAgainInSpiteOfOldConnections)
     EXPECT_EQ("Unable to set socket option", failureOf([&] { TCPServerSocket second(port); }));
     g_optionsFail = false;
     Listener again(0x30000 + port);
-    EXPECT_EQ(port, again.port());
-    EXPECT_EQ(htonl(INADDR_ANY), again.address().sin_addr.s_addr);
+    EXPECT_EQ(htons(static_cast<std::uint16_t>(port)), addressOf(again).sin_port);
+    EXPECT_EQ(htonl(INADDR_ANY), addressOf(again).sin_addr.s_addr);
     Connection socket(1);
     EXPECT_EQ(AcceptResult::VANISHED, again.accept(socket)) << "nothing is pending";
 }
@@ -191,14 +178,17 @@ TEST(TCPSocket, WaitForReadyReadIsRightForEveryDescriptorAndAfterAFailedSelect)
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
     for (const int least : {FD_SETSIZE - 1, FD_SETSIZE, FD_SETSIZE + 500}) {
         Pair pair;
-        pair.connection.renumber(least);
+        const int low = pair.connection.m_sock;
+        pair.connection.m_sock = ::fcntl(low, F_DUPFD_CLOEXEC, least);
+        ASSERT_GE(pair.connection.m_sock, least);
+        ::close(low);
         EXPECT_FALSE(pair.connection.waitForReadyRead(1)) << least;
         pair.peerSends("x");
         EXPECT_TRUE(pair.connection.waitForReadyRead(900)) << least;
     }
     Pair pair;
     pair.peerSends("x");
-    ::close(pair.connection.descriptor());
+    ::close(pair.connection.m_sock);
     g_rests = 0;
     EXPECT_FALSE(pair.connection.waitForReadyRead(1));
     EXPECT_EQ(1, g_rests) << "a failure that lasts must not burn a core";
