@@ -102,7 +102,7 @@ TEST(StreamModel, RatesAndGapsAreThoseOfTheLastSeconds)
 {
     Tap tap;
     // Taken over in mid-stream: what the client before had queued comes ahead of the ONCE cycle.
-    tap.feed(StreamBytes().cycle(20, 1).whole(13, pattern(2000, 0)));
+    tap.feed(StreamBytes().cycle(40, 1).whole(13, pattern(2000, 0)));
     tap.feed(StreamBytes().cycle(21, 1).header(300, 1, 5, -3, 5).raw(pattern(5, 0)));
     for (unsigned i = 0; i < 9; ++i) {
         tap.wait(milliseconds(100)).feed(StreamBytes().cycle(24 + i, 1).whole(13, pattern(2000, 0)));

@@ -98,26 +98,16 @@ TEST(SystemMonitor, RecordsComeInPairsAndBusyIsTheShareOfTheTicksSinceTheFrameBe
     }
 }
 
-TEST(Options, BadOnesAreRefusedWithTheirReason)
+TEST(Options, BadOnesAreRefused)
 {
     const Options options = Options::parse({"--rate", "0.5", "--port", "0", "--rate", "100"});
     EXPECT_TRUE(options.rate_Hz == 100 && options.port == 0);
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"--rate"}, "--rate needs a value"},
-        {{"--rate", "1.2.3"}, "--rate: '1.2.3' is no number from 0.1 to 1000"},
-        {{"--rate", "nan"}, "--rate: 'nan' is no number from 0.1 to 1000"},
-        {{"--port", "999"}, "--port: '999' is no number from 1000 to 65535"},
-        {{"--port", "5000.5"}, "--port: '5000.5' is no whole number"},
-        {{"5000"}, "unknown argument '5000'; --help tells more"},
+    const std::vector<std::string> cases[] = {
+        {"--rate"},        {"--rate", "1.2.3"},  {"--rate", "nan"}, {"--rate", "1001"},
+        {"--port", "999"}, {"--port", "5000.5"}, {"5000"},
     };
-    for (const auto& [arguments, message] : cases) {
-        std::string error = "accepted";
-        try {
-            Options::parse(arguments);
-        } catch (const std::invalid_argument& e) {
-            error = e.what();
-        }
-        EXPECT_EQ(message, error);
+    for (const std::vector<std::string>& arguments : cases) {
+        EXPECT_THROW(Options::parse(arguments), std::invalid_argument) << arguments.back();
     }
 }
 
