@@ -172,6 +172,7 @@ TEST(TCPServerSocket, BindsTheLowBitsOfThePortAgainInSpiteOfOldConnections)
     Listener again(0x30000 + port);
     EXPECT_EQ(htons(static_cast<std::uint16_t>(port)), addressOf(again).sin_port);
     EXPECT_EQ(htonl(INADDR_ANY), addressOf(again).sin_addr.s_addr);
+    ASSERT_NE(0, ::fcntl(again.m_sock, F_GETFL) & O_NONBLOCK) << "accept would hang";
     Connection socket(1);
     EXPECT_EQ(AcceptResult::VANISHED, again.accept(socket)) << "nothing is pending";
 }
