@@ -129,10 +129,7 @@ TEST(TCPSocket, SendToAGonePeerThrowsWithoutASignal)
 
 TEST(TCPSocket, EachKindOfProgressCounts)
 {
-    TCPSocket::Progress looks[4];
-    looks[1].handedOver = 1;
-    looks[2].acknowledged = 1;
-    looks[3].queued = 1;
+    const TCPSocket::Progress looks[] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
     for (const TCPSocket::Progress& a : looks) {
         for (const TCPSocket::Progress& b : looks) {
             EXPECT_EQ(&a == &b, a == b);
