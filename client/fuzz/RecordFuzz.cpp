@@ -183,6 +183,16 @@ void checkAnyPath(const RecordView& view, const Bytes& bytes)
     }
 }
 
+bool isRecordOf(const RecordDescription& description, const Bytes& record)
+{
+    try {
+        static_cast<void>(RecordView(description, record));
+        return true;
+    } catch (const ReaderError&) {
+        return false;
+    }
+}
+
 void checkRecord(const RecordDescription& description, const Bytes& bytes)
 {
     Bytes record = bytes;
@@ -191,6 +201,7 @@ void checkRecord(const RecordDescription& description, const Bytes& bytes)
         return;
     }
     record.resize(size);
+    fuzzCheck(!isRecordOf(description, Bytes(size - 1)), "a record that is too short");
     const RecordView view(description, record);
     RecordWalk(view, record).walk();
     checkTexts(description, record, view);
