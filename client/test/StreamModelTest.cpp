@@ -143,7 +143,7 @@ TEST(StreamModel, PictureIsAlignedAndReadable)
                                   "end\nend\nint8 name[8] at 60\nend\n")
                             .packed();
     Bytes record(72, 0);
-    const Bytes numbers = {0xCD, 0xCC, 0xCC, 0x3D, 0, 0, 0xC0, 0x7F, 1}; // 0.1, no number, 1
+    const Bytes numbers = {0xCD, 0xCC, 0xCC, 0x3D, 0, 0, 0x80, 0xFF, 1}; // 0.1, -infinity, 1
     std::copy(numbers.begin(), numbers.end(), record.begin());
     for (std::size_t i = 32; i < 60; ++i) {
         record[i] = static_cast<std::uint8_t>(i - 60);
@@ -177,13 +177,14 @@ package  calls  last ms  avg ms  max ms  total ms  waited  skipped
       7     51    0.125   0.250   2.500      12.8  no      yes
 
 Track   channel 200   cycle 8
-  gain[2]    0.1 nan
+  gain[2]    0.1 -inf
   hist[9]    1 0 0 0 0 0 0 0 +1
   pos[4][2]           [0][1]           [1][0]           [1][1]           [2][0]          [2][1]  2 more
     p
       x[4]   -28 -27 -26 -25  -24 -23 -22 -21  -20 -19 -18 -17  -16 -15 -14 -13  -12 -11 -10 -9
   name[8]    T1
 )");
+    EXPECT_EQ(tap.json().find(R"({"endpoint":"host:7000","state":"streaming","streaming_s":2,)"), 0U);
     EXPECT_NE(tap.json().find(R"("fields":{"gain":[0.1,null],"hist":[1,0,0,0,0,0,0,0,0],"pos":[[{"p":{"x":[)"
                               R"(0,0,0,0]}},{"p":{"x":[-28,-27,-26,-25]}}],[{"p":{"x":[-24,-23,)"),
               std::string::npos)
