@@ -57,7 +57,7 @@ TEST(LayoutParser, RefusedLayoutsNameFileLineAndReason)
         {"", "x.layout:0: there is no record"},
         {"# only a comment\n\nint32 a at 0\n", "x.layout:3: expected 'record NAME size BYTES'"},
         {"record R\n", "x.layout:1: expected 'size N' after 'R'"},
-        {"record R size -8\n", "x.layout:1: size '-8' is no number from 0 to 2147483647"},
+        {"record R size +8\n", "x.layout:1: size '+8' is no number from 0 to 2147483647"},
         {"record R size 99999999999999999999999\n",
          "x.layout:1: size '99999999999999999999999' is no number from 0 to 2147483647"},
         {"record R size 0x\n", "x.layout:1: size '0x' is no number from 0 to 2147483647"},
