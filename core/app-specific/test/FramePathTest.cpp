@@ -41,16 +41,6 @@ extern "C" int __wrap_munmap(void* address, std::size_t length)
 class FramePathTest : public StreamFixture
 {
 protected:
-    // A thousand bytes for each unit of the channel's number.
-    static Frame frameOf(const std::vector<int>& channels)
-    {
-        Frame frame;
-        for (const int channelID : channels) {
-            frame.emplace_back(channelID, std::string(static_cast<std::size_t>(channelID) * 1000, 'x'));
-        }
-        return frame;
-    }
-
     void call(std::vector<AlgoMeasBuffer>& array, bool constantBuffer)
     {
         m_queue->addBuffers(array.data(), static_cast<std::uint32_t>(array.size()), constantBuffer);
@@ -89,38 +79,30 @@ protected:
         return steady;
     }
 
-    // The test is the sender: one cycle goes.
-    void send()
-    {
-        Lodestone::CycleJob job = m_probe->take();
-        m_probe->done(job);
-    }
-
     std::unique_ptr<StreamClient> m_client;
 };
 
 TEST_F(FramePathTest, SteadyStreamMakesNoHeapCall)
 {
+    const std::string bytes(2000, 'x');
     const struct
     {
         const char* config;
-        std::vector<int> channels;
-        std::vector<int> constants;
-    } rows[] = {{"4,3,20:1,n:2,n:200,n", {1, 2, 200}, {}}, // the largest is mapped
-                {"4,3,-2:1,n:2,n", {1, 2}, {}},
-                {"4,3,20:1,s:2,n", {1, 2}, {}},
-                {"4,3,20:1,i:2,n", {1, 2}, {}},
-                {"4,3,20:1,i", {1}, {}}, // frames with nothing due
-                {"4,3,20:1,n:2,n:3,s", {1}, {2, 3}}};
+        Frame frame;
+        Frame constants;
+    } rows[] = {{"4,3,20:1,n:2,n:3,n", {{1, "x"}, {2, bytes}, {3, std::string(200000, 'x')}}, {}},
+                {"4,3,-2:1,n:2,n", {{1, "x"}, {2, bytes}}, {}},
+                {"4,3,20:1,s:2,n", {{1, bytes}, {2, bytes}}, {}},
+                {"4,3,20:1,i:2,n", {{1, bytes}, {2, bytes}}, {}},
+                {"4,3,20:1,i", {{1, bytes}}, {}}, // frames with nothing due
+                {"4,3,20:1,n:2,n:3,s", {{1, bytes}}, {{2, bytes}, {3, bytes}}}};
     for (const auto& r : rows) {
         SCOPED_TRACE(r.config);
         openQueue(r.config);
-        const Frame frame = frameOf(r.channels);
-        const Frame constants = frameOf(r.constants);
         m_client = connectClient(1 << 16);
-        reachNormalData(frame);
+        reachNormalData(r.frame);
         EXPECT_TRUE(readAll());
-        EXPECT_TRUE(becomesSteady(arrayOf(frame), arrayOf(constants)));
+        EXPECT_TRUE(becomesSteady(arrayOf(r.frame), arrayOf(r.constants)));
     }
 }
 
@@ -136,7 +118,7 @@ TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
         const AllocationScope scope;
         for (int k = 0; k < frames; ++k) {
             call(arrays[k % 2], false);
-            send();
+            m_probe->sendPlayed();
         }
         return scope.count();
     };
@@ -149,7 +131,7 @@ TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
     g_mappingFails = true;
     EXPECT_THROW(deliver(big), std::bad_alloc);
     EXPECT_TRUE(m_probe->storeEmpty());
-    for (const std::size_t size : {1 << 20, 100000}) { // from the system, from the heap
+    for (const std::size_t size : {1U << 20U, 100000U}) { // from the system, from the heap
         const Frame burst = {{2, std::string(size, 'x')}};
         for (int k = 0; k < 40; ++k) {
             deliver(burst);
@@ -157,7 +139,7 @@ TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
         const std::int64_t most = grown();
         EXPECT_GT(most, static_cast<std::int64_t>(40 * size));
         while (m_probe->queued() != 0) {
-            send();
+            m_probe->sendPlayed();
         }
         EXPECT_EQ(heapCallsIn(2000), 0U);
         EXPECT_EQ(grown(), most) << "kept for the next burst, for a while";
@@ -166,23 +148,32 @@ TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
     }
 
     deliver({{3, "parts"}, big[0]});
-    send();
+    m_probe->sendPlayed();
     const std::int64_t mapped = g_mappedBytes;
     deliver(big); // in the memory of the one that has gone, though its delivery still has parts to send
     EXPECT_EQ(g_mappedBytes, mapped);
     deliver({{2, std::string(131072, 'x')}}); // the smallest block that is mapped
+    while (m_probe->queued() != 0) {
+        m_probe->sendPlayed();
+    }
+    deliver(small[0]); // some memory waits, some is in the queue
     m_probe->resetPlayed();
     EXPECT_LE(grown(), 0);
     EXPECT_EQ(g_mappedBytes, 0);
-    m_probe->stopPlaying();
 }
 
-TEST(PayloadBlock, AssignmentFreesWhatWasHeld)
+TEST(PayloadBlockStack, SpliceKeepsAllOfAStackThatWasEmptyBefore)
 {
-    Lodestone::PayloadBlock block(1 << 20);
-    const std::int64_t one = g_mappedBytes;
-    block = Lodestone::PayloadBlock(1 << 20);
-    EXPECT_EQ(g_mappedBytes, one);
-    block = Lodestone::PayloadBlock();
+    Lodestone::PayloadBlockStack stack;
+    stack.push(Lodestone::PayloadBlock(100));
+    Lodestone::PayloadBlock block = stack.pop();
+    stack.push(Lodestone::PayloadBlock(1 << 20));
+    Lodestone::PayloadBlockStack other;
+    other.push(Lodestone::PayloadBlock(300));
+    other.splice(stack);
+    block = other.pop();
+    EXPECT_EQ(block.capacity(), 1U << 20U);
+    block = other.pop(); // what was held is freed
+    EXPECT_EQ(block.capacity(), 300U);
     EXPECT_EQ(g_mappedBytes, 0);
 }
