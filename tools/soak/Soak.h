@@ -2,10 +2,11 @@
 #define LODESTONE_TOOLS_SOAK_H
 
 #include "AbusiveClient.h"
-#include "CheckingReader.h"
 #include "RandomHost.h"
 #include "SoakReport.h"
+#include "StreamOracle.h"
 #include "StreamPlan.h"
+#include "StreamReader.h"
 
 #include <chrono>
 #include <functional>
@@ -35,9 +36,11 @@ private:
     void renewConstants();
 
     void checkedTransfer();
-    void frames(StreamOracle& oracle, CheckingReader& reader);
-    void close(StreamOracle& oracle, CheckingReader& reader);
-    void offer(StreamOracle& oracle, CheckingReader& reader, const OfferedDelivery& delivery);
+    void read();
+    void frames();
+    void close();
+    void offer(const OfferedDelivery& delivery);
+    void check();
 
     void abuse();
     bool framesUntil(const std::function<bool()>& done);
@@ -59,6 +62,11 @@ private:
     StreamPlan m_plan;
     std::unique_ptr<RandomHost> m_host;
     std::uint32_t m_constantNumber = 0;
+
+    // The checked transfer.
+    std::unique_ptr<StreamOracle> m_oracle;
+    std::unique_ptr<StreamReader> m_reader;
+    bool m_first = false; // the reader's next cycle is the first one after a takeover
 };
 
 #endif

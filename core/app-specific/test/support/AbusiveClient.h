@@ -1,11 +1,11 @@
 #ifndef LODESTONE_TEST_ABUSIVECLIENT_H
 #define LODESTONE_TEST_ABUSIVECLIENT_H
 
-#include <cstddef>
+#include "StreamClient.h"
 
 /// A connection that misbehaves. It never waits, so the host's own thread can lead it, a step at a time. At
 /// its end it goes with a reset.
-class AbusiveClient
+class AbusiveClient : private StreamClient
 {
 public:
     enum Way
@@ -19,24 +19,17 @@ public:
     };
 
     /// Begins to connect to the port on loopback.
-    AbusiveClient(int port, Way way, std::size_t leaveAt);
-    ~AbusiveClient() { close(true); }
-
-    AbusiveClient(const AbusiveClient&) = delete;
-    AbusiveClient& operator=(const AbusiveClient&) = delete;
+    AbusiveClient(int port, int way, std::size_t leaveAt);
+    ~AbusiveClient() { vanish(); }
 
     /// Does what can be done now. True when it has left, or has found its connection ended.
     bool step();
     std::size_t bytesRead() const { return m_bytesRead; }
 
 private:
-    void beginBadly();
-    void close(bool reset);
-
-    const Way m_way;
+    const int m_way;
     const std::size_t m_leaveAt;
-    int m_sock = -1;
-    bool m_connected = false;
+    bool m_begun = false;
     std::size_t m_bytesRead = 0;
 };
 

@@ -1,18 +1,14 @@
 #ifndef LODESTONE_TEST_EXACTSTREAMFIXTURE_H
 #define LODESTONE_TEST_EXACTSTREAMFIXTURE_H
 
-#include "CheckingReader.h"
 #include "RandomHost.h"
 #include "StreamFixture.h"
 #include "StreamOracle.h"
+#include "StreamReader.h"
 
 #include <cstdio>
-#include <deque>
-#include <random>
-#include <string>
-#include <utility>
 
-// By how much sanitizers and emulation make a test slower, and its counts smaller.
+// By how much sanitizers and emulation make a test slower, and its counts smaller. It prints them.
 #ifndef LODESTONE_TEST_SHARE
 #define LODESTONE_TEST_SHARE 1
 #endif
@@ -21,20 +17,6 @@
 class ExactStreamFixture : public StreamFixture
 {
 protected:
-    typedef CheckingReader::Pace Pace;
-
-    /// A total for the builds that run at full speed; a share of it, said so, for the others.
-    static int shareOf(int total)
-    {
-        if (LODESTONE_TEST_SHARE > 1) {
-            std::printf("This build (sanitizer or emulation) runs 1/%d of %d.\n", LODESTONE_TEST_SHARE,
-                        total);
-        }
-        return total / LODESTONE_TEST_SHARE;
-    }
-
-    int dice(int sides) { return static_cast<int>(m_random() % static_cast<unsigned>(sides)); }
-
     void open(const StreamPlan& plan, unsigned seed, std::uint32_t largest)
     {
         m_plan = plan;
@@ -42,65 +24,52 @@ protected:
         openQueue(plan.text());
     }
 
-    /// Hands the queue the host's last delivery.
-    Lodestone::PerPackageDiag* callQueue(bool constant = false)
+    void beginTransfer(StreamReader::Pace pace)
     {
-        std::vector<AlgoMeasBuffer>& array = m_host->array();
-        return m_queue->addBuffers(array.data(), static_cast<std::uint32_t>(array.size()), constant);
-    }
-
-    void beginTransfer(Pace pace)
-    {
-        m_cycles.clear();
         m_takenOverAt = 0;
-        m_oracle = std::make_unique<StreamOracle>(m_plan, m_host->number() + 1, true);
-        m_reader = std::make_unique<CheckingReader>(
-            connectClient(pace == Pace::FAST ? 0 : 4096), pace, m_host->number(),
-            [this](const WireCycle& cycle, bool isNew) { m_cycles.emplace_back(cycle, isNew); });
-        m_plan.hasOnce() ? m_host->onceChannels() : m_host->allChannels();
-        ASSERT_TRUE(waitFor([&] {
-            if (m_probe->state() == 2 && m_probe->senderRunning() && !m_probe->restartMarked()) {
-                return true;
-            }
-            callQueue();
-            return false;
-        }));
+        m_oracle = std::make_unique<StreamOracle>(m_plan, m_host->number() + 1, true, m_counts);
+        read(connectClient(pace == StreamReader::FAST ? 0 : 4096), pace);
+        m_plan.channelsOf(true).empty() ? m_host->allChannels() : m_host->onceChannels();
+        reachNormalData(m_host->frame());
     }
 
     /// Delivers what the host made last, in a transfer of normal data.
     void deliverExactly(OfferedDelivery delivery, bool constant = false)
     {
-        delivery.constant = constant;
-        delivery.hostTold = true;
-        delivery.slack = m_reader != nullptr ? 1 : 0;
-        delivery.frontBefore = m_probe->frontCycle();
+        // The sender counts a cycle as sent a moment after it has taken it (positive length) or a moment
+        // before it gives it up (negative).
+        const bool waits = m_plan.queueLength < 0;
+        const std::uint64_t front = m_probe->frontCycle();
         const std::uint32_t skippedBefore = m_probe->numSkipped();
-        const Lodestone::PerPackageDiag* const diag = callQueue(constant);
+        const Lodestone::PerPackageDiag* const diag = deliver(m_host->frame(), constant);
         ASSERT_EQ(diag == nullptr, delivery.buffers.empty());
-        if (m_reader != nullptr) {
-            m_reader->beat();
-        }
         if (diag == nullptr) {
             return;
         }
         m_waits += diag->waitedForQueue;
-        delivery.frontAfter = m_probe->frontCycle();
+        delivery.constant = constant;
+        delivery.hostTold = true;
+        delivery.oldestFront = front - (waits || front == 0 ? 0 : 1);
+        delivery.newestFront = m_probe->frontCycle() + (waits ? 1 : 0);
         delivery.numSkipped = m_probe->numSkipped();
         for (OfferedBuffer& buffer : delivery.buffers) {
-            buffer.fate =
-                m_probe->queuedLast(buffer.channelID) ? OfferedBuffer::QUEUED : OfferedBuffer::SKIPPED;
+            const bool queued = m_probe->queuedLast(buffer.channelID);
+            buffer.fate = queued ? OfferedBuffer::QUEUED : OfferedBuffer::SKIPPED;
         }
         EXPECT_EQ(diag->skipped != 0, delivery.numSkipped != skippedBefore);
         m_oracle->offer(delivery);
     }
 
-    /// Another client takes over and the reader goes on with it; not before a cycle has come that was made
-    /// after the last takeover, and with it the account of what was lost there.
-    void takeOver()
+    /// Another client takes over; not before a cycle has come that was made after the last takeover, and with
+    /// it the account of what was lost there.
+    void takeOver(StreamReader::Pace pace)
     {
-        if (m_reader->settledIn() && m_reader->nextCycle() > m_takenOverAt) {
-            m_reader->goOnWith(connectClient());
+        if (m_reader->nextCycle() > m_takenOverAt) {
+            auto client = connectClient();
+            EXPECT_TRUE(waitFor([&] { return m_reader->ended(); }));
+            checkAll();
             m_takenOverAt = m_probe->nextCycle();
+            read(std::move(client), pace);
         }
     }
 
@@ -108,37 +77,41 @@ protected:
     void endTransfer()
     {
         EXPECT_TRUE(waitFor([&] { return m_probe->storeEmpty(); }));
-        m_reader->hurry();
         deliverExactly(m_host->allChannels()); // its record tells of all before
         EXPECT_TRUE(waitFor([&] {
             return m_probe->storeEmpty() && m_reader->nextCycle() == m_probe->nextCycle();
         })) << "cycles up to "
             << m_probe->nextCycle() << " were made, up to " << m_reader->nextCycle() << " came";
-        EXPECT_FALSE(m_reader->broken());
+        checkAll();
         m_reader.reset();
-        for (const auto& cycle : m_cycles) {
-            m_oracle->check(cycle.first, cycle.second);
-        }
-        finishOracle();
-        m_counts += m_oracle->counts();
-    }
-
-    void finishOracle()
-    {
         m_oracle->finish();
         EXPECT_EQ(m_oracle->numSkipped(), m_probe->numSkipped());
         EXPECT_EQ(m_oracle->faults(), std::vector<std::string>()) << m_plan.text();
     }
 
-    std::mt19937 m_random;
     StreamPlan m_plan;
     std::unique_ptr<RandomHost> m_host;
+    StreamOracle::Counts m_counts; // of all transfers
     std::unique_ptr<StreamOracle> m_oracle;
-    std::deque<std::pair<WireCycle, bool>> m_cycles; // as they came
-    std::unique_ptr<CheckingReader> m_reader;        // after what it fills
-    std::uint64_t m_takenOverAt = 0;                 // cycles made by then
-    int m_waits = 0;                                 // deliveries that waited for room
-    StreamOracle::Counts m_counts;                   // of all transfers
+    std::unique_ptr<StreamReader> m_reader;
+    int m_waits = 0; // deliveries that waited for room
+
+private:
+    void read(std::unique_ptr<StreamClient> client, StreamReader::Pace pace)
+    {
+        m_reader = std::make_unique<StreamReader>(std::move(client), pace, m_host->number());
+    }
+
+    // What the present connection has brought.
+    void checkAll()
+    {
+        WireCycle cycle;
+        for (bool first = m_takenOverAt != 0; m_reader->take(cycle); first = false) {
+            m_oracle->check(cycle, first);
+        }
+    }
+
+    std::uint64_t m_takenOverAt = 0; // cycles made by then
 };
 
 #endif

@@ -59,8 +59,7 @@ struct QueueProbe
     }
 
     /// Stops the sender and makes the queue believe in a connection in TRANSFER_NORMAL_DATA, so that the test
-    /// itself can play the sender with take() and done(). No bytes are ever sent. Call stopPlaying before the
-    /// queue ends.
+    /// itself can play the sender. No bytes are ever sent. Call resetPlayed at the end.
     void playSender()
     {
         q.toggleSenderThread(false);
@@ -69,37 +68,19 @@ struct QueueProbe
         q.m_senderRunning = true;
         q.m_transmissionState = SondeBufferQueue::TRANSFER_NORMAL_DATA;
     }
-    void stopPlaying()
-    {
-        q.m_senderRunning = false;
-        q.m_connectedID = SondeBufferQueue::NO_CONNECTION;
-    }
-    /// The reset after a lost client, while the test plays the sender.
+    /// The reset after a lost client.
     void resetPlayed()
     {
-        {
-            MutexLocker lock(q.m_addBufferMutex);
-            q.reset();
-            q.m_numSkipped = 0; // as the next client's first frame does
-        }
-        playSender();
+        MutexLocker lock(q.m_addBufferMutex);
+        q.reset();
     }
     std::uint32_t numSkipped() const { return q.m_numSkipped; }
-    CycleJob take()
+    /// Takes and finishes one cycle.
+    void sendPlayed()
     {
         CycleJob job;
-        if (queued() != 0) {
-            q.getNextJob(job);
-        }
-        return job;
-    }
-    void done(CycleJob& job) { q.jobDone(job); }
-    void drop(CycleJob& job) { q.dropJob(job); }
-    void markRestart() { q.m_restartMarked = true; }
-    bool spaceLeft(std::int32_t channelID, std::int32_t maxAppearance, bool splitted)
-    {
-        const Channel* const channel = q.m_channels.find(channelID);
-        return channel == nullptr || q.spaceLeftInQueue(*channel, maxAppearance, splitted);
+        q.getNextJob(job);
+        q.jobDone(job);
     }
     static void calcOffsetLength(SendJob& job) { SondeBufferQueue::calcOffsetLength(job); }
 

@@ -1,11 +1,10 @@
 #ifndef LODESTONE_TEST_RANDOMHOST_H
 #define LODESTONE_TEST_RANDOMHOST_H
 
-#include "ALStructs_extif.h"
+#include "HostFrame.h"
 #include "StreamOracle.h"
 #include "StreamPlan.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <random>
 #include <vector>
@@ -20,31 +19,26 @@ public:
         : m_plan(plan), m_largest(largest), m_random(seed)
     {}
 
-    /// Some of the channels, once channels among them and perhaps one that isn't configured; at most `most`
-    /// buffers that count. No channel stands twice in the frame, unless that is wanted: then the host can
-    /// tell their fate only if the sender stands still.
-    const OfferedDelivery& someChannels(std::size_t most, bool twice = false);
-    /// All channels but the once channels, in ascending order.
-    const OfferedDelivery& allChannels() { return all(false); }
-    /// All once channels.
-    const OfferedDelivery& onceChannels() { return all(true); }
+    /// Some of the channels, once channels among them and perhaps one that isn't configured. No channel
+    /// stands twice in the frame, unless that is wanted: then the host can tell their fate only if the sender
+    /// stands still.
+    const OfferedDelivery& someChannels(bool twice = false);
+    /// All channels but the once channels.
+    const OfferedDelivery& allChannels() { return make(m_plan.channelsOf(false)); }
+    const OfferedDelivery& onceChannels() { return make(m_plan.channelsOf(true)); }
 
-    /// The host's array for the last delivery made; its bytes live until the next one is.
-    std::vector<AlgoMeasBuffer>& array() { return m_array; }
+    /// What stands in the last delivery made.
+    const Frame& frame() const { return m_frame; }
     std::uint32_t number() const { return m_delivery.number; }
 
 private:
-    int dice(int sides) { return static_cast<int>(m_random() % static_cast<unsigned>(sides)); }
-    const OfferedDelivery& all(bool once);
-    void begin();
-    void add(int channelID);
-    const OfferedDelivery& finish();
+    unsigned dice(std::size_t sides) { return static_cast<unsigned>(m_random() % sides); }
+    const OfferedDelivery& make(const std::vector<int>& channels);
 
     const StreamPlan m_plan;
     const std::uint32_t m_largest;
     std::mt19937 m_random;
-    std::vector<AlgoMeasBuffer> m_array;
-    std::vector<char> m_bytes;
+    Frame m_frame;
     OfferedDelivery m_delivery;
 };
 

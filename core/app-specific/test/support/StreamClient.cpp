@@ -1,6 +1,7 @@
 #include "StreamClient.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <netinet/in.h>
@@ -128,18 +129,23 @@ std::string shown(const WireCycle& cycle)
 
 StreamClient::StreamClient(int port, int receiveBuffer, const std::function<bool()>& giveUp)
 {
-    const sockaddr_in address = loopback(port);
     waitFor([&] {
-        m_sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (receiveBuffer > 0) {
-            ::setsockopt(m_sock, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-        }
-        if (::connect(m_sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        if (open(port, receiveBuffer, 0)) {
             return true;
         }
         close();
         return giveUp && giveUp();
     });
+}
+
+bool StreamClient::open(int port, int receiveBuffer, int flags)
+{
+    const sockaddr_in address = loopback(port);
+    m_sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    if (receiveBuffer > 0) {
+        ::setsockopt(m_sock, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    return ::connect(m_sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 StreamClient::~StreamClient()
@@ -171,10 +177,23 @@ WireCycle StreamClient::readCycle()
 
 bool StreamClient::append(std::string& bytes, std::size_t byteSize)
 {
-    const std::size_t before = bytes.size();
-    bytes.resize(before + byteSize);
-    bytes.resize(before + readInto(&bytes[before], byteSize));
-    return bytes.size() == before + byteSize;
+    const auto deadline = testDeadline();
+    const std::size_t wanted = bytes.size() + byteSize;
+    std::size_t filled = bytes.size();
+    bytes.resize(wanted);
+    while (m_sock >= 0 && filled < wanted && std::chrono::steady_clock::now() < deadline) {
+        const ssize_t count = ::recv(m_sock, &bytes[filled], wanted - filled, MSG_DONTWAIT);
+        if (count < 0 && errno == EAGAIN) {
+            somethingWaits(100);
+            continue;
+        }
+        if (count <= 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    bytes.resize(filled);
+    return filled == wanted;
 }
 
 std::string StreamClient::readBytes(std::size_t byteSize)
@@ -182,40 +201,6 @@ std::string StreamClient::readBytes(std::size_t byteSize)
     std::string bytes;
     append(bytes, byteSize);
     return bytes;
-}
-
-std::size_t StreamClient::readInto(char* bytes, std::size_t byteSize)
-{
-    const auto deadline = testDeadline();
-    std::size_t total = 0;
-    while (m_sock >= 0 && total < byteSize && std::chrono::steady_clock::now() < deadline) {
-        if (!somethingWaits(100)) {
-            continue;
-        }
-        const std::size_t count = receive(bytes + total, byteSize - total);
-        if (count == 0) {
-            break;
-        }
-        total += count;
-    }
-    return total;
-}
-
-std::size_t StreamClient::receive(char* bytes, std::size_t byteSize)
-{
-    if (m_mostAhead == 0) {
-        const ssize_t count = ::recv(m_sock, bytes, byteSize, 0);
-        return count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-    if (m_taken == m_ahead.size()) {
-        m_ahead.resize(m_mostAhead);
-        const ssize_t count = ::recv(m_sock, &m_ahead[0], m_mostAhead, 0);
-        m_ahead.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-        m_taken = 0;
-    }
-    const std::size_t count = m_ahead.copy(bytes, byteSize, m_taken);
-    m_taken += count;
-    return count;
 }
 
 bool StreamClient::drain(int patience_ms)
@@ -232,7 +217,7 @@ bool StreamClient::waitForEnd()
 bool StreamClient::somethingWaits(int patience_ms) const
 {
     pollfd entry = {m_sock, POLLIN, 0};
-    return m_taken != m_ahead.size() || ::poll(&entry, 1, patience_ms) > 0;
+    return ::poll(&entry, 1, patience_ms) > 0;
 }
 
 void StreamClient::close()

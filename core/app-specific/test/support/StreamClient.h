@@ -68,9 +68,6 @@ public:
     bool connected() const { return m_sock >= 0; }
     int descriptor() const { return m_sock; }
 
-    /// From now on reads up to `byteSize` bytes more than are asked for at a time, for speed; not before a
-    /// drain.
-    void readAhead(std::size_t byteSize) { m_mostAhead = byteSize; }
     WireCycle readCycle();
     /// Up to `byteSize` bytes; fewer if the stream ends.
     std::string readBytes(std::size_t byteSize);
@@ -85,15 +82,15 @@ public:
     /// Ends the connection at once, with a reset.
     void vanish();
 
+protected:
+    StreamClient() = default;
+    /// Begins to connect; `flags` are those of a socket. Whether it has connected.
+    bool open(int port, int receiveBuffer, int flags);
+
 private:
     bool append(std::string& bytes, std::size_t byteSize);
-    std::size_t readInto(char* bytes, std::size_t byteSize);
-    std::size_t receive(char* bytes, std::size_t byteSize);
 
     int m_sock = -1;
-    std::size_t m_mostAhead = 0;
-    std::string m_ahead; // read and, from m_taken on, not asked for yet
-    std::size_t m_taken = 0;
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "StreamOracle.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 namespace
@@ -15,101 +16,170 @@ bool isPair(const WireEntry& record, const WireEntry& layout)
            layout.channelID == 10999 && layout.payload.size() == 256 && layout.totalSize == 256;
 }
 
-std::string nameOf(const OfferedBuffer& buffer, std::uint32_t number)
+// That a buffer of four bytes or more begins with.
+std::uint32_t numberIn(const std::string& bytes)
 {
-    return "channel " + std::to_string(buffer.channelID) + " of delivery " + std::to_string(number);
+    std::uint32_t number = 0;
+    std::memcpy(&number, bytes.data(), std::min(bytes.size(), sizeof number));
+    return number;
 }
 
 } // namespace
 
-StreamOracle::Counts& StreamOracle::Counts::operator+=(const Counts& other)
+std::string StreamOracle::Counts::text() const
 {
-    offered += other.offered;
-    notDue += other.notDue;
-    delivered += other.delivered;
-    skipped += other.skipped;
-    dropped += other.dropped;
-    cycles += other.cycles;
-    return *this;
+    return std::to_string(offered) + " buffers: " + std::to_string(delivered) + " delivered, " +
+           std::to_string(skipped) + " skipped, " + std::to_string(notDue) + " not due, " +
+           std::to_string(dropped) + " dropped at takeovers; " + std::to_string(cycles) + " cycles";
+}
+
+void StreamOracle::expect(bool right, const char* otherwise, std::uint64_t number)
+{
+    if (!right && m_faults.size() < MOST_FAULTS) {
+        m_faults.push_back("cycle " + std::to_string(m_cycle) + ": " + otherwise + " " +
+                           std::to_string(number));
+    }
 }
 
 void StreamOracle::offer(const OfferedDelivery& delivery)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
     m_offers.push_back(delivery);
-}
-
-void StreamOracle::fault(const std::string& text)
-{
-    if (m_faults.size() < MOST_FAULTS) {
-        m_faults.push_back("cycle " + std::to_string(m_cycle) + ": " + text);
-    }
+    m_counts.offered += delivery.buffers.size();
 }
 
 void StreamOracle::check(const WireCycle& cycle, bool newConnection)
 {
+    const bool first = m_nextCycle == NO_CYCLE;
+    const bool mayBeLost = newConnection && m_plan.queueLength > 0;
     m_cycle = cycle.counter;
     ++m_counts.cycles;
-    checkCounter(newConnection);
-    if (cycle.isOnce()) {
-        checkOnce(cycle);
-        return;
+    if (!first && mayBeLost && m_cycle == m_nextCycle + 1) {
+        m_lostCycle = m_nextCycle;
+    } else {
+        expect(first || m_cycle == m_nextCycle, "not the cycle that should have come", m_nextCycle);
     }
-    if (m_counts.cycles == 1 && m_plan.hasOnce()) {
-        fault("the once data are missing");
+    m_nextCycle = m_cycle + 1;
+    expect(cycle.complete, "the connection ended in the middle");
+    if (first ? !m_plan.channelsOf(true).empty() : cycle.isOnce()) {
+        checkOnce(cycle, first);
+    } else {
+        checkNormal(cycle);
     }
-    const std::size_t size = cycle.entries.size();
-    if (size <= PAIR || !isPair(cycle.entries[size - 2], cycle.entries[size - 1])) {
-        fault("no entries, or no diagnostics pair at the end");
-        return;
-    }
-    takeOffers(cycle);
-    beginDeliveries(cycle);
-    const std::uint32_t creator = checkEntries(cycle);
-    const bool mayBeShort = m_mayBeShort;
-    settle(creator);
-    if (creator != m_settledNumber) {
-        fault("begun by an older delivery than the cycle before");
-    }
-    checkRecord(cycle, mayBeShort);
-    forgetFinished();
 }
 
 void StreamOracle::finish()
 {
-    takeOffers(WireCycle());
-    settle(NO_NUMBER);
-    forgetFinished();
-    if (!m_deliveries.empty()) {
-        fault("parts of delivery " + std::to_string(m_deliveries.front().number) + " never came");
+    m_entries.clear();
+    m_nextEntry = 0;
+    while (!m_offers.empty()) {
+        beginDelivery();
     }
-    if (m_nextCycle != NO_CYCLE && m_ahead != m_nextCycle) {
-        fault("the last record tells of cycles up to " + std::to_string(m_ahead));
+    m_cycle = m_nextCycle;
+    for (const OfferedDelivery& delivery : m_current) {
+        expect(!goesOn(delivery), "parts never came of delivery", delivery.number);
+    }
+    expect(m_nextCycle == NO_CYCLE || queueIsEmpty(), "the last record tells of cycles up to", m_ahead);
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// One cycle
+
+void StreamOracle::checkOnce(const WireCycle& cycle, bool first)
+{
+    const std::vector<std::int32_t> channels = m_plan.channelsOf(true);
+    expect(first && cycle.channels() == channels && cycle.entries.size() == channels.size(),
+           "not the once channels at the beginning, or in the middle of a transfer");
+    for (const WireEntry& entry : cycle.entries) {
+        const std::uint32_t number = numberIn(entry.payload);
+        const auto byteSize = static_cast<std::uint32_t>(entry.payload.size());
+        expect(entry.partNumber == -std::max(1, m_plan.intermittentCount) && entry.numberOfParts == 1 &&
+                   entry.totalSize == static_cast<std::int32_t>(byteSize) && number >= m_firstNumber &&
+                   entry.payload == contentOf(entry.channelID, number, 0, byteSize),
+               "once data are wrong or old of delivery", number);
     }
 }
 
-void StreamOracle::takeOffers(const WireCycle& cycle)
+void StreamOracle::checkNormal(const WireCycle& cycle)
 {
-    std::deque<OfferedDelivery> offers;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        offers.swap(m_offers);
+    m_entries.clear();
+    m_nextEntry = PAIR;
+    for (auto entry = cycle.entries.rbegin(); entry != cycle.entries.rend(); ++entry) {
+        m_entries.push_back(&*entry);
     }
-    if (!m_started && cycle.entries.size() > PAIR) {
-        const std::uint32_t first = numberIn(cycle.entries[cycle.entries.size() - PAIR - 1].payload);
-        while (!offers.empty() && offers.front().number < first) {
-            offers.pop_front();
-        }
-        m_started = true;
+    if (m_entries.size() <= PAIR || !isPair(*m_entries[1], *m_entries[0])) {
+        expect(false, "no entries, or no diagnostics pair at the end");
+        return;
     }
-    for (const OfferedDelivery& offered : offers) {
-        m_deliveries.emplace_back(offered);
-        m_counts.offered += offered.buffers.size();
-        for (OfferedBuffer& buffer : m_deliveries.back().buffers) {
-            if (!isDue(buffer.channelID)) {
-                buffer.fate = OfferedBuffer::NOT_DUE;
-                ++m_counts.notDue;
-            }
+    if (!m_started) {
+        beginTransfer(numberIn(m_entries[PAIR]->payload));
+    }
+    m_current.remove_if([this](const OfferedDelivery& delivery) { return !goesOn(delivery); });
+    for (const OfferedDelivery& delivery : m_current) {
+        expect(brings(delivery, delivery.firstCycle),
+               "a part didn't come, or with a wrong header or bytes, of delivery", delivery.number);
+    }
+    while (m_nextEntry < m_entries.size() && !m_offers.empty()) {
+        beginDelivery();
+    }
+    expect(m_nextEntry == m_entries.size(),
+           "entries that weren't offered, were skipped, or have come before; left of them",
+           m_entries.size() - m_nextEntry);
+    if (!m_current.empty()) {
+        checkRecord(cycle, m_current.front());
+    }
+}
+
+void StreamOracle::beginTransfer(std::uint32_t number)
+{
+    m_started = true;
+    while (!m_offers.empty() && m_offers.front().number < number) {
+        m_counts.offered -= m_offers.front().buffers.size();
+        m_offers.pop_front();
+    }
+}
+
+// The next delivery: begins in this cycle, or has begun in the one that was lost, or none of it was queued.
+void StreamOracle::beginDelivery()
+{
+    OfferedDelivery delivery = m_offers.front();
+    m_offers.pop_front();
+    decide(delivery);
+    delivery.firstCycle = m_cycle;
+    const bool queued = goesOn(delivery);
+    if (queued && brings(delivery, m_cycle)) {
+        m_lostCycle = NO_CYCLE;
+    } else if (queued && m_lostCycle != NO_CYCLE && brings(delivery, m_lostCycle)) {
+        delivery.firstCycle = m_lostCycle;
+    } else {
+        expect(!queued, "it hasn't begun as it should, delivery", delivery.number);
+    }
+    count(delivery);
+    if (delivery.hostTold) {
+        checkRoom(delivery);
+    }
+    if (delivery.hostTold && queued) {
+        checkFirstCycle(delivery);
+    }
+    delivery.numSkipped = m_numSkipped;
+    delivery.flags = m_flags;
+    if (goesOn(delivery)) {
+        m_current.push_back(delivery);
+    }
+}
+
+// Whose turn it is; and, if the host can't tell, what was queued.
+void StreamOracle::decide(OfferedDelivery& delivery)
+{
+    std::size_t next = m_nextEntry;
+    for (OfferedBuffer& buffer : delivery.buffers) {
+        buffer.fate = isDue(buffer.channelID) ? buffer.fate : OfferedBuffer::NOT_DUE;
+    }
+    for (auto buffer = delivery.buffers.rbegin(); buffer != delivery.buffers.rend(); ++buffer) {
+        if (buffer->fate == OfferedBuffer::UNKNOWN) {
+            const bool came =
+                next < m_entries.size() && isPart(*m_entries[next], *buffer, delivery.number, 0);
+            buffer->fate = came ? OfferedBuffer::QUEUED : OfferedBuffer::SKIPPED;
+            next += came ? 1 : 0;
         }
     }
 }
@@ -124,111 +194,22 @@ bool StreamOracle::isDue(int channelID)
     return sinceDue == 0;
 }
 
-// ---------------------------------------------------------------------------------------------------------------------
-// One cycle
-
-void StreamOracle::checkCounter(bool newConnection)
+// Whether the next entries are all that this cycle must carry of a delivery that began in `firstCycle`.
+// Takes them if so.
+bool StreamOracle::brings(const OfferedDelivery& delivery, std::uint64_t firstCycle)
 {
-    if (m_nextCycle != NO_CYCLE && m_cycle != m_nextCycle) {
-        if (newConnection && m_plan.queueLength > 0 && m_cycle == m_nextCycle + 1) {
-            m_lostCycle = m_nextCycle;
-            m_mayBeShort = true;
-        } else {
-            fault("cycle " + std::to_string(m_nextCycle) + " should have come");
-        }
-    }
-    m_nextCycle = m_cycle + 1;
-}
-
-void StreamOracle::checkOnce(const WireCycle& cycle)
-{
-    if (m_counts.cycles != 1) {
-        fault("once data in the middle of a transfer");
-    }
-    std::vector<std::int32_t> expected;
-    for (const auto& channel : m_plan.channels) {
-        if (channel.second == 'o') {
-            expected.push_back(channel.first);
-        }
-    }
-    if (cycle.channels() != expected || cycle.entries.size() != expected.size()) {
-        fault("other once channels than configured");
-    }
-    for (const WireEntry& entry : cycle.entries) {
-        const std::uint32_t number = numberIn(entry.payload);
-        if (entry.partNumber != -std::max(1, m_plan.intermittentCount) || entry.numberOfParts != 1 ||
-            entry.totalSize != static_cast<std::int32_t>(entry.payload.size()) || number < m_firstNumber ||
-            !isContent(entry.payload, 0, entry.channelID, number)) {
-            fault("once data of channel " + std::to_string(entry.channelID) + " are wrong or old");
-        }
-    }
-}
-
-// From the end, oldest delivery first. Second parts begin where the first ones were lost.
-void StreamOracle::beginDeliveries(const WireCycle& cycle)
-{
-    const bool afterLoss = m_lostCycle != NO_CYCLE && m_cycle == m_lostCycle + 1;
-    for (auto entry = cycle.entries.rbegin() + PAIR; entry != cycle.entries.rend(); ++entry) {
-        if (entry->partNumber == 0 || (afterLoss && entry->partNumber == 1)) {
-            begin(*entry);
-        }
-    }
-}
-
-// Marks the oldest buffer that the entry can be of. If there is none, the entry won't be expected either.
-void StreamOracle::begin(const WireEntry& entry)
-{
-    for (Delivery& delivery : m_deliveries) {
-        for (auto buffer = delivery.buffers.rbegin(); buffer != delivery.buffers.rend(); ++buffer) {
-            const bool mayCome = buffer->fate == OfferedBuffer::QUEUED ||
-                                 (buffer->fate == OfferedBuffer::UNKNOWN && m_plan.tagged);
-            if (buffer->channelID != entry.channelID || buffer->begun || !mayCome ||
-                (m_plan.tagged && !isPart(entry, *buffer, delivery.number, entry.partNumber))) {
-                continue;
+    std::size_t next = m_nextEntry;
+    const auto part = static_cast<int>(m_cycle - firstCycle);
+    for (auto buffer = delivery.buffers.rbegin(); buffer != delivery.buffers.rend(); ++buffer) {
+        if (buffer->fate == OfferedBuffer::QUEUED && part < m_plan.partsOf(buffer->channelID)) {
+            if (next == m_entries.size() || !isPart(*m_entries[next], *buffer, delivery.number, part)) {
+                return false;
             }
-            if (delivery.number < m_lastBegun) {
-                fault(nameOf(*buffer, delivery.number) + " comes too late");
-            }
-            m_lastBegun = delivery.number;
-            if (delivery.firstCycle == NO_CYCLE) {
-                delivery.firstCycle = m_cycle - static_cast<std::uint64_t>(entry.partNumber);
-            }
-            buffer->begun = true;
-            ++m_counts.delivered;
-            return;
+            ++next;
         }
     }
-}
-
-// The parts, in this cycle, of all that has begun: from the end deliveries come in their order, the buffers
-// of one from the last to the first. Returns the number of the oldest delivery.
-std::uint32_t StreamOracle::checkEntries(const WireCycle& cycle)
-{
-    std::uint32_t oldest = 0;
-    auto entry = cycle.entries.rbegin() + PAIR;
-    for (const Delivery& delivery : m_deliveries) {
-        if (delivery.number > m_lastBegun) {
-            break;
-        }
-        for (auto buffer = delivery.buffers.rbegin(); buffer != delivery.buffers.rend(); ++buffer) {
-            if (!buffer->begun || lastCycleOf(delivery, *buffer) < m_cycle) {
-                continue;
-            }
-            const auto part = static_cast<int>(m_cycle - delivery.firstCycle);
-            if (entry == cycle.entries.rend() || !isPart(*entry, *buffer, delivery.number, part)) {
-                fault("part " + std::to_string(part) + " of " + nameOf(*buffer, delivery.number) +
-                      " should have come, and didn't, or with a wrong header or bytes");
-                return m_settledNumber;
-            }
-            oldest = oldest == 0 ? delivery.number : oldest;
-            ++entry;
-        }
-    }
-    if (entry != cycle.entries.rend()) {
-        fault("channel " + std::to_string(entry->channelID) +
-              " brings what wasn't offered, was skipped, or has come before");
-    }
-    return oldest;
+    m_nextEntry = next;
+    return true;
 }
 
 // The last part takes the rest of the division; a buffer with fewer bytes than parts has parts of one byte,
@@ -238,177 +219,101 @@ bool StreamOracle::isPart(const WireEntry& entry, const OfferedBuffer& buffer, s
 {
     const int parts = m_plan.partsOf(buffer.channelID);
     const std::uint32_t length = std::max(buffer.byteSize / static_cast<std::uint32_t>(parts), 1U);
-    const auto offset = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(std::uint64_t{length} * static_cast<std::uint32_t>(part), buffer.byteSize));
+    const std::uint32_t offset = std::min(length * static_cast<std::uint32_t>(part), buffer.byteSize);
     const std::uint32_t rest = buffer.byteSize - offset;
+    const std::uint32_t byteSize = part + 1 == parts ? rest : std::min(length, rest);
     return entry.channelID == buffer.channelID && entry.numberOfParts == parts && entry.partNumber == part &&
            entry.totalSize == static_cast<std::int32_t>(buffer.byteSize) &&
-           entry.payload.size() == (part + 1 == parts ? rest : std::min(length, rest)) &&
-           isContent(entry.payload, offset, entry.channelID, number);
+           entry.payload == contentOf(entry.channelID, number, offset, byteSize);
 }
 
-std::uint64_t StreamOracle::lastCycleOf(const Delivery& delivery, const OfferedBuffer& buffer) const
+// Up to this cycle, or farther.
+bool StreamOracle::goesOn(const OfferedDelivery& delivery) const
 {
-    return delivery.firstCycle + static_cast<std::uint64_t>(m_plan.partsOf(buffer.channelID)) - 1;
+    return std::any_of(delivery.buffers.begin(), delivery.buffers.end(), [&](const OfferedBuffer& buffer) {
+        return buffer.fate == OfferedBuffer::QUEUED && behindCycle(delivery, buffer) > m_cycle;
+    });
 }
 
-void StreamOracle::forgetFinished()
+std::uint64_t StreamOracle::behindCycle(const OfferedDelivery& delivery, const OfferedBuffer& buffer) const
 {
-    for (auto it = m_deliveries.begin(); it != m_deliveries.end() && it->number <= m_settledNumber;) {
-        const bool goesOn =
-            std::any_of(it->buffers.begin(), it->buffers.end(), [&](const OfferedBuffer& buffer) {
-                return buffer.begun && lastCycleOf(*it, buffer) >= m_nextCycle;
-            });
-        it = goesOn ? std::next(it) : m_deliveries.erase(it);
-    }
+    return delivery.firstCycle + static_cast<std::uint64_t>(m_plan.partsOf(buffer.channelID));
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The account
 
-void StreamOracle::settle(std::uint32_t number)
+void StreamOracle::count(const OfferedDelivery& delivery)
 {
-    for (Delivery& delivery : m_deliveries) {
-        if (delivery.number > number) {
-            return;
-        }
-        if (delivery.number > m_settledNumber) {
-            settleOne(delivery);
-        }
-    }
-}
-
-void StreamOracle::settleOne(Delivery& delivery)
-{
-    bool skipped = false;
-    for (OfferedBuffer& buffer : delivery.buffers) {
-        if (buffer.fate == OfferedBuffer::QUEUED && !buffer.begun) {
-            drop(delivery, buffer);
-        } else if (buffer.fate != OfferedBuffer::NOT_DUE && !buffer.begun) {
-            buffer.fate = OfferedBuffer::SKIPPED;
-            skipped = true;
-            ++m_numSkipped;
-            ++m_counts.skipped;
-        }
-    }
-    if (delivery.hostTold && delivery.numSkipped != m_numSkipped) {
-        fault("the host counts " + std::to_string(delivery.numSkipped) + " skipped buffers up to delivery " +
-              std::to_string(delivery.number) + ", not " + std::to_string(m_numSkipped));
-    }
-    if (delivery.hostTold) {
-        checkFirstCycle(delivery);
-        for (const OfferedBuffer& buffer : delivery.buffers) {
-            checkRoom(delivery, buffer);
-        }
-    }
+    const std::uint32_t skippedBefore = m_numSkipped;
     for (const OfferedBuffer& buffer : delivery.buffers) {
-        if (delivery.hostTold && buffer.fate == OfferedBuffer::QUEUED) {
-            m_heldBy[buffer.channelID].insert(lastCycleOf(delivery, buffer));
+        if (buffer.fate == OfferedBuffer::NOT_DUE) {
+            ++m_counts.notDue;
+        } else if (buffer.fate == OfferedBuffer::SKIPPED) {
+            ++m_counts.skipped;
+            ++m_numSkipped;
+        } else {
+            ++(behindCycle(delivery, buffer) > m_cycle ? m_counts.delivered : m_counts.dropped);
         }
     }
-    m_flags[delivery.firstChannel] = skipped ? 1 : 0;
-    if (m_lostCycle != NO_CYCLE && delivery.firstCycle != NO_CYCLE && delivery.firstCycle > m_lostCycle) {
-        m_mayBeShort = false;
-    }
-    m_settledNumber = delivery.number;
-    m_creatorChannel = delivery.firstChannel;
+    m_flags[delivery.firstChannel] = m_numSkipped != skippedBefore ? 1 : 0;
 }
 
-// It was queued and never came.
-void StreamOracle::drop(Delivery& delivery, OfferedBuffer& buffer)
+void StreamOracle::checkRoom(const OfferedDelivery& delivery)
 {
-    if (delivery.firstCycle == NO_CYCLE) {
-        delivery.firstCycle = m_lostCycle;
+    expect(delivery.numSkipped == m_numSkipped, "the host counts skipped buffers differently at delivery",
+           delivery.number);
+    for (const OfferedBuffer& buffer : delivery.buffers) {
+        const bool whole = m_plan.kindOf(buffer.channelID) == 'n';
+        const bool waits = whole && m_plan.queueLength < 0 && !delivery.constant;
+        const int limit = whole && !delivery.constant ? std::abs(m_plan.queueLength) : 1;
+        std::set<std::uint64_t>& held = m_heldUpTo[buffer.channelID];
+        held.erase(held.begin(), held.upper_bound(delivery.oldestFront));
+        const auto fewest = std::distance(held.upper_bound(delivery.newestFront), held.end());
+        const bool mayHaveRoom = fewest < limit || buffer.channelID == 0;
+        const bool mayBeFull = static_cast<int>(held.size()) >= limit && !waits && buffer.channelID != 0;
+        expect(mayHaveRoom || buffer.fate != OfferedBuffer::QUEUED, "beyond its limit was queued channel",
+               static_cast<std::uint64_t>(buffer.channelID));
+        expect(mayBeFull || buffer.fate != OfferedBuffer::SKIPPED, "in spite of room was skipped channel",
+               static_cast<std::uint64_t>(buffer.channelID));
     }
-    if (m_lostCycle == NO_CYCLE || lastCycleOf(delivery, buffer) != m_lostCycle) {
-        fault(nameOf(buffer, delivery.number) + " was queued, never came, and is counted nowhere");
-    }
-    ++m_counts.dropped;
 }
 
 // A delivery begins in the first cycle that the sender hasn't taken and that has no whole buffer yet.
-void StreamOracle::checkFirstCycle(const Delivery& delivery)
+void StreamOracle::checkFirstCycle(const OfferedDelivery& delivery)
 {
-    if (delivery.firstCycle == NO_CYCLE) {
-        return;
-    }
     const std::uint64_t taken = m_plan.queueLength < 0 ? 1 : 0; // the one in hand may be the front
-    if (delivery.firstCycle < std::max(m_openCycle, delivery.frontBefore) ||
-        delivery.firstCycle > std::max(m_openCycle, delivery.frontAfter + taken)) {
-        fault("delivery " + std::to_string(delivery.number) + " begins in " +
-              std::to_string(delivery.firstCycle));
-    }
-    const bool hasWhole =
-        std::any_of(delivery.buffers.begin(), delivery.buffers.end(), [this](const OfferedBuffer& buffer) {
-            return buffer.fate == OfferedBuffer::QUEUED && m_plan.partsOf(buffer.channelID) == 1;
-        });
-    m_openCycle = delivery.firstCycle + (hasWhole ? 1 : 0);
-}
-
-// The sender moves on during a call, and it counts a cycle as sent a moment after it has taken it (positive
-// length) or a moment before it gives it up (negative): between these bounds either answer is right.
-void StreamOracle::checkRoom(const Delivery& delivery, const OfferedBuffer& buffer)
-{
-    const bool split = m_plan.isSplit(buffer.channelID);
-    const bool waits = m_plan.queueLength < 0;
-    const bool unlimited = buffer.channelID == 0;
-    const int limit = split || delivery.constant ? 1 : std::abs(m_plan.queueLength);
-    const std::uint64_t late = split || waits ? 0 : delivery.slack;
-    const std::uint64_t early = split || !waits ? 0 : delivery.slack;
-    std::set<std::uint64_t>& heldBy = m_heldBy[buffer.channelID];
-    const auto heldFrom = [&heldBy](std::uint64_t cycle) {
-        return std::distance(heldBy.lower_bound(cycle), heldBy.end());
-    };
-    const std::uint64_t oldest = delivery.frontBefore - std::min(delivery.frontBefore, late);
-    heldBy.erase(heldBy.begin(), heldBy.lower_bound(oldest));
-    if (buffer.fate == OfferedBuffer::QUEUED && heldFrom(delivery.frontAfter + early) >= limit &&
-        !unlimited) {
-        fault(nameOf(buffer, delivery.number) + " was queued beyond its limit");
-    }
-    if (buffer.fate == OfferedBuffer::SKIPPED &&
-        (heldFrom(oldest) < limit || unlimited || (waits && !split && !delivery.constant))) {
-        fault(nameOf(buffer, delivery.number) + " was skipped although there was room");
-    }
-}
-
-void StreamOracle::checkRecord(const WireCycle& cycle, bool mayBeShort)
-{
-    const auto counted = static_cast<std::uint32_t>(cycle.diag(4));
-    if (mayBeShort && counted < m_numSkipped && m_numSkipped - counted <= m_plan.channels.size()) {
-        // Nobody told what was queued, so what the lost cycle held looked as if it had been skipped.
-        m_counts.dropped += m_numSkipped - counted;
-        m_counts.skipped -= m_numSkipped - counted;
-        m_numSkipped = counted;
-        m_mayBeShort = false;
-        m_flags.clear();
-    }
-    if (counted != m_numSkipped) {
-        fault("the record counts " + std::to_string(counted) + " skipped buffers, not " +
-              std::to_string(m_numSkipped));
-        m_numSkipped = counted; // each mistake once
-    }
-    checkFlags(cycle);
-    const std::uint64_t ahead = m_cycle + cycle.diag(0) + (m_plan.queueLength > 0 ? 1 : 0);
-    if (ahead < m_ahead || ahead <= m_cycle) {
-        fault("queue length " + std::to_string(cycle.diag(0)) + " can't be");
-    }
-    m_ahead = ahead;
-}
-
-// A slot tells its package itself. Slots that nobody has used say channel 0.
-void StreamOracle::checkFlags(const WireCycle& cycle)
-{
-    bool found = false;
-    for (std::size_t slot = 0; slot < 5; ++slot) {
-        const auto firstChannel = static_cast<int>(cycle.diag(8 + 40 * slot + 4));
-        const auto flag = m_flags.find(firstChannel);
-        found = found || firstChannel == m_creatorChannel;
-        if (firstChannel != 0 && flag != m_flags.end() && flag->second != cycle.diag(8 + 40 * slot + 12)) {
-            fault("the flag of package " + std::to_string(firstChannel) + " isn't " +
-                  std::to_string(flag->second));
+    expect(delivery.firstCycle >= std::max(m_openCycle, delivery.oldestFront) &&
+               delivery.firstCycle <= std::max(m_openCycle, delivery.newestFront + taken),
+           "it began too early or too late, delivery", delivery.number);
+    m_openCycle = delivery.firstCycle;
+    for (const OfferedBuffer& buffer : delivery.buffers) {
+        if (buffer.fate == OfferedBuffer::QUEUED) {
+            const std::uint64_t behind = behindCycle(delivery, buffer);
+            m_heldUpTo[buffer.channelID].insert(behind);
+            m_openCycle = m_plan.partsOf(buffer.channelID) == 1 ? behind : m_openCycle;
         }
     }
-    if (!found) {
-        fault("package " + std::to_string(m_creatorChannel) + " has no slot");
+}
+
+// A record is a snapshot from the delivery that was the first to use the cycle: the oldest of those that it
+// carries.
+void StreamOracle::checkRecord(const WireCycle& cycle, const OfferedDelivery& creator)
+{
+    m_settledNumber = creator.number;
+    expect(cycle.diag(4) == creator.numSkipped, "not all skipped buffers are counted, but", cycle.diag(4));
+    // A slot tells its package itself. Slots that nobody has used say channel 0.
+    bool found = false;
+    for (std::size_t slot = 8; slot < 208; slot += 40) {
+        const auto package = static_cast<int>(cycle.diag(slot + 4));
+        const auto flag = creator.flags.find(package);
+        found = found || package == creator.firstChannel;
+        expect(package == 0 || flag == creator.flags.end() || flag->second == cycle.diag(slot + 12),
+               "the wrong flag has package", cycle.diag(slot + 4));
     }
+    expect(found, "no slot has the package of delivery", creator.number);
+    const std::uint64_t ahead = m_cycle + cycle.diag(0) + (m_plan.queueLength > 0 ? 1 : 0);
+    expect(ahead >= m_ahead && ahead > m_cycle, "the queue can't have had the length", cycle.diag(0));
+    m_ahead = ahead;
+    m_longestQueue = std::max(m_longestQueue, cycle.diag(0));
 }

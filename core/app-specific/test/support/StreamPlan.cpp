@@ -1,45 +1,6 @@
 #include "StreamPlan.h"
 
 #include <algorithm>
-#include <cstring>
-#include <vector>
-
-namespace
-{
-
-const std::uint32_t NUMBER_SIZE = 4;
-const std::uint32_t PLACES = 1U << 16;
-
-// One block of noise; every buffer shows a piece of it from a place of its own.
-const std::vector<char>& noise()
-{
-    static const std::vector<char> bytes = [] {
-        std::vector<char> made(PLACES + LARGEST_CONTENT);
-        std::mt19937 random(1);
-        std::generate(made.begin(), made.end(), [&] { return static_cast<char>(random()); });
-        return made;
-    }();
-    return bytes;
-}
-
-const char* pieceOf(int channelID, std::uint32_t number)
-{
-    std::uint32_t hash = number * 2654435761U + static_cast<std::uint32_t>(channelID) * 2246822519U;
-    hash ^= hash >> 15;
-    return noise().data() + (hash * 3266489917U >> 16);
-}
-
-// The first bytes of a buffer.
-std::string bytesOf(std::uint32_t number)
-{
-    std::string bytes(NUMBER_SIZE, '\0');
-    for (std::uint32_t k = 0; k < NUMBER_SIZE; ++k) {
-        bytes[k] = static_cast<char>(number >> (8 * k));
-    }
-    return bytes;
-}
-
-} // namespace
 
 std::string StreamPlan::text() const
 {
@@ -57,17 +18,21 @@ char StreamPlan::kindOf(int channelID) const
     return it == channels.end() ? '-' : it->second;
 }
 
-bool StreamPlan::hasOnce() const
+int StreamPlan::partsOf(int channelID) const
 {
-    return std::any_of(channels.begin(), channels.end(), [](const auto& c) { return c.second == 'o'; });
+    const char kind = kindOf(channelID);
+    return kind == 's' || kind == 'i' ? splitCount : 1;
 }
 
-std::uint32_t StreamPlan::smallestSize(int channelID) const
+std::vector<std::int32_t> StreamPlan::channelsOf(bool once) const
 {
-    if (kindOf(channelID) == 'o') {
-        return NUMBER_SIZE;
+    std::vector<std::int32_t> result;
+    for (const auto& channel : channels) {
+        if ((channel.second == 'o') == once) {
+            result.push_back(channel.first);
+        }
     }
-    return tagged ? NUMBER_SIZE * static_cast<std::uint32_t>(partsOf(channelID)) : 0;
+    return result;
 }
 
 StreamPlan StreamPlan::random(std::mt19937& random, bool unlimited)
@@ -92,31 +57,20 @@ StreamPlan StreamPlan::random(std::mt19937& random, bool unlimited)
     return plan;
 }
 
-void fillContent(char* bytes, std::uint32_t byteSize, int channelID, std::uint32_t number)
+std::string contentOf(int channelID, std::uint32_t number, std::uint32_t offset, std::uint32_t byteSize)
 {
-    if (byteSize != 0) {
-        std::memcpy(bytes, pieceOf(channelID, number), byteSize);
-        bytesOf(number).copy(bytes, byteSize);
+    // One block of noise; every buffer shows a piece of it from a place of its own.
+    static const std::string noise = [] {
+        std::string made(2 * LARGEST_CONTENT, '\0');
+        std::mt19937 random(1);
+        std::generate(made.begin(), made.end(), [&] { return static_cast<char>(random()); });
+        return made;
+    }();
+    std::uint32_t hash = number * 2654435761U + static_cast<std::uint32_t>(channelID) * 2246822519U;
+    hash ^= hash >> 15U;
+    std::string bytes = noise.substr((hash * 3266489917U) % LARGEST_CONTENT + offset, byteSize);
+    for (std::uint32_t k = offset; k < sizeof number && k - offset < byteSize; ++k) {
+        bytes[k - offset] = static_cast<char>(number >> (8 * k));
     }
-}
-
-bool isContent(const std::string& slice, std::uint32_t offset, int channelID, std::uint32_t number)
-{
-    const std::uint32_t inNumber = std::min(offset, NUMBER_SIZE);
-    const std::size_t head = std::min<std::size_t>(slice.size(), NUMBER_SIZE - inNumber);
-    const char* const rest = pieceOf(channelID, number) + offset + head;
-    return slice.compare(0, head, bytesOf(number), inNumber, head) == 0 &&
-           slice.compare(head, std::string::npos, rest, slice.size() - head) == 0;
-}
-
-std::uint32_t numberIn(const std::string& bytes)
-{
-    std::uint32_t number = 0;
-    if (bytes.size() < NUMBER_SIZE) {
-        return ~number;
-    }
-    for (std::uint32_t k = 0; k < NUMBER_SIZE; ++k) {
-        number |= static_cast<std::uint32_t>(static_cast<std::uint8_t>(bytes[k])) << (8 * k);
-    }
-    return number;
+    return bytes;
 }

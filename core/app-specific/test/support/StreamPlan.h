@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <vector>
 
 /// A configuration as a test knows it. Uses nothing of the library.
 struct StreamPlan
@@ -19,11 +20,11 @@ struct StreamPlan
 
     /// What follows the port in the configuration string.
     std::string text() const;
+    /// '-' for a channel that isn't configured.
     char kindOf(int channelID) const;
-    bool isSplit(int channelID) const { return kindOf(channelID) == 's' || kindOf(channelID) == 'i'; }
-    int partsOf(int channelID) const { return isSplit(channelID) ? splitCount : 1; }
-    bool hasOnce() const;
-    std::uint32_t smallestSize(int channelID) const;
+    int partsOf(int channelID) const;
+    /// The once channels, or all others, in ascending order.
+    std::vector<std::int32_t> channelsOf(bool once) const;
 
     /// Up to a dozen channels of all kinds. With `unlimited` there may be a channel 0, which is never
     /// skipped.
@@ -31,12 +32,8 @@ struct StreamPlan
 };
 
 /// The bytes of a buffer follow from its channel and the number of its delivery, which is also their first
-/// four. Sizes of up to LARGEST_CONTENT.
+/// four. This is the slice of `byteSize` bytes at `offset`. Buffers have up to LARGEST_CONTENT bytes.
 const std::uint32_t LARGEST_CONTENT = 1U << 16;
-void fillContent(char* bytes, std::uint32_t byteSize, int channelID, std::uint32_t number);
-/// Whether `slice` is what stands at `offset` of the buffer.
-bool isContent(const std::string& slice, std::uint32_t offset, int channelID, std::uint32_t number);
-/// The number that a buffer of four bytes or more begins with; the largest one for fewer.
-std::uint32_t numberIn(const std::string& bytes);
+std::string contentOf(int channelID, std::uint32_t number, std::uint32_t offset, std::uint32_t byteSize);
 
 #endif
