@@ -12,17 +12,15 @@ namespace
 thread_local std::size_t t_count = 0;
 thread_local std::size_t t_failAt = 0;
 std::atomic<std::size_t> g_count{0};
-std::atomic<std::size_t> g_failAt{0};
 std::atomic<bool (*)()> g_filter{nullptr};
 std::atomic<std::size_t> g_live{0};
 std::atomic<std::size_t> g_liveBytes{0};
 
 void* allocate(std::size_t size) noexcept
 {
-    const bool failsHere = ++t_count == t_failAt;
-    const bool failsAnywhere = ++g_count == g_failAt;
+    ++g_count;
     bool (*const filter)() = g_filter;
-    if (failsHere || failsAnywhere || (filter != nullptr && filter())) {
+    if (++t_count == t_failAt || (filter != nullptr && filter())) {
         return nullptr;
     }
     void* const block = std::malloc(size == 0 ? 1 : size);
@@ -33,54 +31,26 @@ void* allocate(std::size_t size) noexcept
     return block;
 }
 
-void* allocateOrThrow(std::size_t size)
-{
-    void* const block = allocate(size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-
-void release(void* block) noexcept
-{
-    if (block != nullptr) {
-        --g_live;
-        g_liveBytes -= malloc_usable_size(block);
-        std::free(block);
-    }
-}
-
 } // namespace
 
-AllocationScope::AllocationScope(std::size_t failAt, Threads threads)
-    : m_threads(threads), m_begin(threads == Threads::ALL ? g_count.load() : t_count),
-      m_failAt(failAt == NEVER ? 0 : m_begin + failAt)
+AllocationScope::AllocationScope(std::size_t failAt, Threads threads) : m_threads(threads), m_begin(total())
 {
-    if (m_threads == Threads::ALL) {
-        g_failAt = m_failAt;
-    } else {
-        t_failAt = m_failAt;
-    }
+    t_failAt = failAt == NEVER ? 0 : t_count + failAt;
 }
 
 AllocationScope::~AllocationScope()
 {
-    if (m_threads == Threads::ALL) {
-        g_failAt = 0;
-    } else {
-        t_failAt = 0;
-    }
+    t_failAt = 0;
 }
 
-std::size_t AllocationScope::count() const
+std::size_t AllocationScope::total() const
 {
-    return (m_threads == Threads::ALL ? g_count.load() : t_count) - m_begin;
+    return m_threads == Threads::ALL ? g_count.load() : t_count;
 }
 
 bool AllocationScope::failed() const
 {
-    return m_failAt != 0 && count() >= m_failAt - m_begin;
+    return t_failAt != 0 && t_count >= t_failAt;
 }
 
 void AllocationScope::setFilter(bool (*fails)())
@@ -98,44 +68,30 @@ std::size_t AllocationScope::liveBlocks()
     return g_live;
 }
 
-// All forms stand here: a sanitizer's own don't call one another.
+// Only these: the C++ library's other forms come down to them. A sanitizer's don't, so these four belong
+// together, as what one of the first two has allocated may be freed by either of the others. A sanitizer's
+// forms for arrays are a world of their own: under it nobody counts or fails them.
 void* operator new(std::size_t size)
 {
-    return allocateOrThrow(size);
-}
-void* operator new[](std::size_t size)
-{
-    return allocateOrThrow(size);
+    void* const block = allocate(size);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
     return allocate(size);
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return allocate(size);
-}
 void operator delete(void* block) noexcept
 {
-    release(block);
-}
-void operator delete[](void* block) noexcept
-{
-    release(block);
+    if (block != nullptr) {
+        --g_live;
+        g_liveBytes -= malloc_usable_size(block);
+        std::free(block);
+    }
 }
 void operator delete(void* block, std::size_t) noexcept
 {
-    release(block);
-}
-void operator delete[](void* block, std::size_t) noexcept
-{
-    release(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept
-{
-    release(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept
-{
-    release(block);
+    operator delete(block);
 }

@@ -5,10 +5,11 @@
 
 /// Counts the allocations of a test program and makes one of them fail.
 ///
-/// A program that is linked with AllocationHook.cpp allocates by its operators new: all of them but those for
-/// over-aligned types. They work under the sanitizers too, which see the malloc below them.
+/// A program that is linked with AllocationHook.cpp allocates by its operators new, but for over-aligned
+/// types. They work under the sanitizers too, which see the malloc below them; GCC's address sanitizer keeps
+/// arrays to itself.
 ///
-/// A scope watches from its construction to its end. At a time there may be one for each thread and one for
+/// A scope watches from its construction to its end. At a time there may be one for each thread, or one for
 /// all of them. Inside a scope that fails call only the code under test: the test framework allocates as
 /// well.
 class AllocationScope
@@ -22,8 +23,8 @@ public:
 
     static constexpr std::size_t NEVER = 0;
 
-    /// Fails the `failAt`-th allocation, counted from 1, by std::bad_alloc; those before and after it
-    /// succeed.
+    /// Fails the calling thread's `failAt`-th allocation, counted from 1, by std::bad_alloc; those before and
+    /// after it succeed.
     explicit AllocationScope(std::size_t failAt = NEVER, Threads threads = Threads::CALLING);
     ~AllocationScope();
 
@@ -31,7 +32,7 @@ public:
     AllocationScope& operator=(const AllocationScope&) = delete;
 
     /// Allocations tried since the scope began, the failed one included.
-    std::size_t count() const;
+    std::size_t count() const { return total() - m_begin; }
 
     /// Whether the allocation that was to fail has been tried. A sweep is at its end when it has not.
     bool failed() const;
@@ -49,9 +50,10 @@ public:
     static constexpr std::size_t ROUNDING = 16;
 
 private:
+    std::size_t total() const;
+
     const Threads m_threads;
     const std::size_t m_begin;
-    const std::size_t m_failAt;
 };
 
 #endif

@@ -1,8 +1,6 @@
 #ifndef LODESTONE_TEST_FAULTCALLS_H
 #define LODESTONE_TEST_FAULTCALLS_H
 
-#include "Scenario.h"
-
 #include <string>
 #include <vector>
 
@@ -27,9 +25,9 @@ struct FaultKind
     {
         SHORT = -1,   ///< The kernel takes half of what it is given ...
         NOTHING = -2, ///< ... or nothing.
-        THROWS = -5,  ///< As if something within the library had run out of memory at that point.
-        JUMP = -3,    ///< The clock jumps an hour ahead (the system's: back), and stays there.
-        STANDS = -4   ///< This one reading shows the time of the first one.
+        JUMP = -3,    ///< The clock jumps an hour ahead, and stays there.
+        STANDS = -4,  ///< This one reading shows the time of the first one.
+        THROWS = -5   ///< As if something within the library had run out of memory at that point.
     };
     std::string name() const { return call + (how.empty() ? "" : "-") + how; }
 };
@@ -42,28 +40,37 @@ struct Fault
     const FaultKind* kind = &faultKinds()[0];
     int number = 0;
     bool everAfter = false;
+
+    std::string name() const
+    {
+        return kind->name() + " " + std::to_string(number) + (everAfter ? " ever" : " once");
+    }
 };
 
-/// Fails calls of the library: of its own threads, and of the host's thread inside one of its functions.
-/// Those of the test pass. The library's waits last a 500th of what it asks for.
-///
-/// For programs with FaultCalls.cpp, the allocation hook and a WRAP of all functions in FaultCalls.cpp, whose
-/// only thread is the main one. One at a time. Children of the process count along with it.
-class FaultCalls : public Disturbance
+/// Fails calls of the library: of its own threads, and of the host's thread inside one of its functions, in
+/// a run of Schedule.h. Those of the test pass. Children of the process count along with it.
+namespace FaultCalls
 {
-public:
-    explicit FaultCalls(const Fault& fault);
-    ~FaultCalls() override;
 
-    void hostEnters() override;
-    void hostLeaves() override;
-    std::vector<std::string> expectedTexts() const override;
-    bool happened() const override;
-    bool isOver() const override;
-    bool expectStall() override;
+void arm(const Fault& fault);
 
-    static int hits();            ///< Calls that have failed since the construction.
-    static int threadsUnjoined(); ///< Of the library, in this process.
-};
+/// If this call fails, the armed kind's error, which is errno then as well; else 0. For the stand-ins.
+int fails(const char* call);
+
+/// A call of the host begins.
+void hostEnters();
+/// The texts with which it must have failed, asked when it is back. None: it must have succeeded.
+std::vector<std::string> expectedTexts();
+
+/// Of the next listener: the kernel shall take little for clients, so that who stalls is felt soon.
+void expectStall();
+/// Calls that have failed since the fault was armed.
+int hits();
+/// Something has gone wrong in the library, so clients may be lost or get nothing.
+bool happened();
+/// And nothing more will. Then a frame that failed for it is all that is missing.
+bool isOver();
+
+} // namespace FaultCalls
 
 #endif

@@ -1,49 +1,26 @@
 #include "Scenario.h"
 
-#include "AllocationHook.h"
 #include "HostFrame.h"
-#include "Lodestone.h"
 #include "life/Child.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <poll.h>
-#include <set>
 #include <sstream>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
-// Children end in the middle of things, and quickly, beside threads that still own something. What the host's
-// process leaves is counted by the tests.
-extern "C" const char* __asan_default_options()
-{
-    return "detect_leaks=0";
-}
-
-extern "C" const char* __tsan_default_options()
-{
-    return "atexit_sleep_ms=0:report_thread_leaks=0";
-}
 
 namespace
 {
 
-const int PATIENT_FRAMES = 12; // for a client that may have been lost
+const int PATIENT_FRAMES = 12; // for a client that may have been lost ...
+const int MOST_FRAMES = 2000;  // ... and for one that may not
 const int PATIENT_ATTEMPTS = 50;
-const int FRAME_WAIT_MS = 1;
-const int MOST_CYCLES = 200; // until a buffer has come
-const unsigned PATIENCE_S = 100;
+const int FRAME_WAIT_MS = 16; // on the clock of the run, like all waits
+const int PATIENCE_MS = 10000;
+const int CONSTANT_CHANNEL = 40; // a normal one that only comes as a constant buffer
 
 // Of the process: the library's constant store lives as long.
 std::atomic<unsigned> g_frame{0}; // clients may have a thread of their own
-std::set<int> g_constants;
-
-char g_label[200] = "";
 
 std::string payloadOf(int channel, unsigned frame)
 {
@@ -54,56 +31,7 @@ std::string payloadOf(int channel, unsigned frame)
     return bytes;
 }
 
-template<typename T>
-bool contains(const std::vector<T>& values, const T& value)
-{
-    return std::find(values.begin(), values.end(), value) != values.end();
-}
-
-void tellLabel(int signal)
-{
-    static_cast<void>(!::write(STDERR_FILENO, g_label, std::strlen(g_label)));
-    std::signal(signal, SIG_DFL);
-    ::raise(signal == SIGALRM ? SIGABRT : signal);
-}
-
 } // namespace
-
-void labelRun(const std::string& label)
-{
-    std::snprintf(g_label, sizeof g_label, "\n%s\n", label.c_str());
-    for (const int signal : {SIGALRM, SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
-        struct sigaction present;
-        ::sigaction(signal, nullptr, &present);
-        if (present.sa_handler == SIG_DFL) { // or a sanitizer's
-            std::signal(signal, tellLabel);
-        }
-    }
-    ::alarm(PATIENCE_S);
-}
-
-const char* runLabel()
-{
-    return g_label;
-}
-
-Holdings::Holdings()
-    : blocks(AllocationScope::liveBlocks()), bytes(AllocationScope::liveBytes()),
-      descriptors(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}))
-{}
-
-bool operator==(const Holdings& a, const Holdings& b)
-{
-    const std::size_t difference = std::max(a.bytes, b.bytes) - std::min(a.bytes, b.bytes);
-    return a.blocks == b.blocks && a.descriptors == b.descriptors &&
-           difference <= a.blocks * AllocationScope::ROUNDING;
-}
-
-std::ostream& operator<<(std::ostream& stream, const Holdings& holdings)
-{
-    return stream << holdings.blocks << " blocks, " << holdings.bytes << " bytes, " << holdings.descriptors
-                  << " descriptors";
-}
 
 struct ScenarioRun::Reader
 {
@@ -113,32 +41,20 @@ struct ScenarioRun::Reader
     int cycles = 0;
     bool gap = false; ///< A cycle is missing, and parts with it.
     bool normalData = false;
-    std::uint32_t counter = 0;      ///< Of the last one.
-    std::map<int, unsigned> newest; ///< Frame by channel.
-    std::map<int, int> received;    ///< Buffers by channel.
-    std::map<int, WireEntry> parts; ///< Put together so far, up to partNumber.
-
-    Reader(Beginning beginningThen, std::vector<int> once, int port, int receiveBuffer,
-           const std::function<bool()>& giveUp)
-        : beginning(beginningThen), onceChannels(std::move(once)), stream(port, receiveBuffer, giveUp)
-    {}
+    std::uint32_t counter = 0;           ///< Of the last one.
+    std::map<int, unsigned> newest = {}; ///< Frame by channel.
+    std::map<int, int> received = {};    ///< Buffers by channel.
+    std::map<int, WireEntry> parts = {}; ///< Put together so far, up to partNumber.
 };
 
-HostApi HostApi::ofThisProgram()
-{
-    return {CLodestone_Lodestone_Init, CLodestone_Lodestone_Apply, CLodestone_GetLastErrorString};
-}
-
-ScenarioRun::ScenarioRun(int port, Disturbance& disturbance) : m_port(port), m_disturbance(disturbance) {}
+ScenarioRun::ScenarioRun(int port) : m_port(port) {}
 
 ScenarioRun::~ScenarioRun() = default;
 
 void ScenarioRun::end()
 {
     m_clients.clear();
-    if (m_hostIsHere) {
-        disable();
-    }
+    disable();
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -153,19 +69,19 @@ bool ScenarioRun::succeeds(Call call, const std::string& refusal)
     m_api.lastError(bytes, sizeof bytes);
     const std::string text = reinterpret_cast<const char*>(bytes);
 
-    std::vector<std::string> texts = m_disturbance.expectedTexts();
+    std::vector<std::string> texts = FaultCalls::expectedTexts();
     const bool disturbs = !texts.empty();
     if (!disturbs && !refusal.empty()) {
         texts = {refusal};
     }
     EXPECT_EQ(result, texts.empty() ? 0 : 1) << text;
-    EXPECT_TRUE(texts.empty() || contains(texts, text)) << text << " instead of " << texts[0];
+    EXPECT_TRUE(texts.empty() || std::count(texts.begin(), texts.end(), text) != 0)
+        << text << " instead of " << texts[0];
     return !disturbs;
 }
 
 bool ScenarioRun::init(const std::string& tail, const std::string& refusal)
 {
-    m_hostIsHere = true;
     const std::string text = "0," + std::to_string(m_port) + "," + tail;
     const auto* const bytes = reinterpret_cast<const alif_int8_t*>(text.c_str());
     const bool done = succeeds([&] { return m_api.init(1, bytes); }, refusal);
@@ -181,7 +97,6 @@ void ScenarioRun::expect(const std::string& tail)
     char comma = 0;
     fields >> m_splitCount >> comma >> m_intermittentCount >> comma >> m_queueLength;
     m_onceChannels.clear();
-    m_onceApart = false;
     m_constantsSince = 0;
     for (std::string item; std::getline(fields, item, ':');) {
         if (!item.empty() && item.back() == 'o') {
@@ -204,40 +119,31 @@ bool ScenarioRun::apply(const std::vector<int>& channels, bool constantBuffers)
     }
     std::vector<AlgoMeasBuffer> array = arrayOf(frame);
     const auto size = static_cast<alif_uint32_t>(array.size());
-    if (constantBuffers) {
-        g_constants.insert(channels.begin(), channels.end());
-    }
     const bool done = succeeds([&] { return m_api.apply(array.data(), size, constantBuffers ? 1 : 0); });
-
-    const auto pair = onceTogether();
-    const auto brought =
-        std::count_if(pair.begin(), pair.end(), [&](int channel) { return contains(channels, channel); });
-    const bool all = brought == static_cast<std::ptrdiff_t>(pair.size());
-    m_onceApart = m_onceApart || (brought != 0 && !all);
-    m_onlyAFrameFailed = m_onlyAFrameFailed || !done;
-    m_constantsSince = done && all && constantBuffers ? number : m_constantsSince;
+    m_aFrameFailed = m_aFrameFailed || !done;
+    m_constantsSince = done && constantBuffers ? number : m_constantsSince;
     return done;
-}
-
-std::vector<int> ScenarioRun::onceTogether() const
-{
-    const auto number = static_cast<std::ptrdiff_t>(std::min<std::size_t>(2, m_onceChannels.size()));
-    return {m_onceChannels.begin(), m_onceChannels.begin() + number};
 }
 
 void ScenarioRun::inChild(void (*life)(ScenarioRun&))
 {
     const Child child([&] {
-        ::alarm(PATIENCE_S);
         life(*this);
         REQUIRE(!::testing::Test::HasFailure());
-        m_disturbance.hostEnters();
+        FaultCalls::hostEnters();
+        Schedule::hostIsInLibrary(true);
     });
     EXPECT_TRUE(child.endsWell());
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The clients
+
+/// A fault has happened, and it isn't only one frame that is missing for it.
+bool ScenarioRun::disturbed() const
+{
+    return FaultCalls::happened() && !(m_aFrameFailed && FaultCalls::isOver());
+}
 
 bool ScenarioRun::missing(int client, const std::string& text) const
 {
@@ -249,23 +155,9 @@ bool ScenarioRun::connect(int client, Beginning beginning, int receiveBuffer)
 {
     int attempts = 0;
     const auto giveUp = [&] { return disturbed() && ++attempts > PATIENT_ATTEMPTS; };
-    m_clients[client] = std::make_unique<Reader>(beginning, m_onceChannels, m_port, receiveBuffer, giveUp);
+    m_clients[client].reset(
+        new Reader{beginning, m_onceChannels, StreamClient(m_port, receiveBuffer, giveUp)});
     return stream(client).connected() || missing(client, "finds no listener");
-}
-
-bool ScenarioRun::nextCycle(int client, const Frames& frames)
-{
-    const auto deadline = testDeadline();
-    for (int patience = PATIENT_FRAMES; !stream(client).somethingWaits();) {
-        const bool late = disturbed() ? patience-- == 0 : std::chrono::steady_clock::now() > deadline;
-        if (late) {
-            return missing(client, "gets nothing");
-        }
-        apply(frames[m_turn++ % frames.size()]);
-        pollfd entry = {stream(client).descriptor(), POLLIN, 0};
-        ::poll(&entry, 1, FRAME_WAIT_MS);
-    }
-    return readOne(client);
 }
 
 bool ScenarioRun::readOne(int client)
@@ -280,45 +172,27 @@ bool ScenarioRun::readOne(int client)
     return cycle.bytes.empty() ? false : missing(client, "gets a cycle that breaks off");
 }
 
-bool ScenarioRun::readUntil(const std::function<bool()>& done, int client, const Frames& frames)
+bool ScenarioRun::read(int client, int channel, int number, const Frames& frames)
 {
-    for (int k = 0; !done(); ++k) {
-        if (k == MOST_CYCLES || !nextCycle(client, frames)) {
-            return missing(client, "doesn't get what it should");
+    const int& received = m_clients[client]->received[channel];
+    const int end = received + number;
+    for (int tried = 0; received < end; ++tried) {
+        if (tried >= (disturbed() ? PATIENT_FRAMES : MOST_FRAMES)) {
+            return missing(client, "gets nothing");
+        }
+        apply(frames[m_turn++ % frames.size()]);
+        while (stream(client).somethingWaits(FRAME_WAIT_MS)) {
+            if (!readOne(client)) {
+                return missing(client, "loses the connection");
+            }
         }
     }
     return true;
 }
 
-bool ScenarioRun::readCycles(int client, int number, const Frames& frames)
-{
-    const int& cycles = m_clients[client]->cycles;
-    return readUntil([&cycles, end = cycles + number] { return cycles == end; }, client, frames);
-}
-
-bool ScenarioRun::readChannel(int client, int channel, const Frames& frames)
-{
-    const int& buffers = m_clients[client]->received[channel];
-    return readUntil([&buffers, before = buffers] { return buffers != before; }, client, frames);
-}
-
-bool ScenarioRun::await(int client, int byteSize)
-{
-    const int descriptor = stream(client).descriptor();
-    const auto ready = [&] {
-        int waiting = 0;
-        ::ioctl(descriptor, FIONREAD, &waiting);
-        pollfd end = {descriptor, POLLRDHUP, 0};
-        return waiting >= byteSize || ::poll(&end, 1, 0) > 0;
-    };
-    int attempts = 0;
-    waitFor([&] { return ready() || (disturbed() && ++attempts > PATIENT_ATTEMPTS); });
-    return ready() || missing(client, "gets nothing");
-}
-
 bool ScenarioRun::readToEnd(int client)
 {
-    while (await(client)) {
+    while (stream(client).somethingWaits(PATIENCE_MS)) {
         if (!readOne(client)) {
             return true;
         }
@@ -373,12 +247,12 @@ void ScenarioRun::checkOnce(Reader& reader, const WireCycle& cycle)
         EXPECT_EQ(entry.partNumber, -m_intermittentCount);
         EXPECT_EQ(entry.numberOfParts, 1);
         checkBuffer(reader, entry);
-        const unsigned frame = reader.newest[entry.channelID];
-        if (!m_onceApart && contains(onceTogether(), entry.channelID)) {
-            EXPECT_EQ(frame, reader.newest[reader.onceChannels[0]]) << "a ONCE cycle of several frames";
-            EXPECT_GE(frame, m_constantsSince) << "an old ONCE cycle";
-        }
     }
+    const auto& channels = reader.onceChannels;
+    const unsigned frame = reader.newest[channels[0]];
+    EXPECT_TRUE(channels.size() == 1 || frame == reader.newest[channels[1]])
+        << "a ONCE cycle of several frames";
+    EXPECT_GE(frame, m_constantsSince) << "an old ONCE cycle";
 }
 
 void ScenarioRun::checkPart(Reader& reader, const WireEntry& entry)
@@ -387,22 +261,21 @@ void ScenarioRun::checkPart(Reader& reader, const WireEntry& entry)
         checkBuffer(reader, entry);
         return;
     }
-    const auto known = reader.parts.find(entry.channelID);
-    const int expected = known == reader.parts.end() ? 0 : known->second.partNumber + 1;
-    const bool inARow = entry.numberOfParts == m_splitCount && entry.partNumber == expected;
-    if (!inARow) { // unless it is the rest of what the client before has got
+    WireEntry& buffer = reader.parts[entry.channelID];
+    const int expected = buffer.numberOfParts == 0 ? 0 : buffer.partNumber + 1;
+    if (entry.numberOfParts != m_splitCount || entry.partNumber != expected) {
+        // Unless it is the rest of what the client before has got.
         EXPECT_TRUE(reader.gap || (reader.beginning != ONCE && reader.newest.count(entry.channelID) == 0))
             << "part " << entry.partNumber << " comes where " << expected << " was due";
-        reader.parts.erase(entry.channelID);
+        buffer = {};
         return;
     }
-    WireEntry& buffer = reader.parts[entry.channelID];
     const std::string before = buffer.payload;
     buffer = entry;
     buffer.payload = before + entry.payload;
     if (expected + 1 == m_splitCount) {
         checkBuffer(reader, buffer);
-        reader.parts.erase(entry.channelID);
+        buffer = {};
     }
 }
 
@@ -416,9 +289,9 @@ void ScenarioRun::checkBuffer(Reader& reader, const WireEntry& entry)
     EXPECT_TRUE(bytes == payloadOf(entry.channelID, frame))
         << "channel " << entry.channelID << " brings " << bytes.substr(0, 40);
     EXPECT_EQ(static_cast<std::size_t>(entry.totalSize), bytes.size());
-    EXPECT_TRUE(frame > newest || g_constants.count(entry.channelID) != 0) << "an old frame again";
+    EXPECT_TRUE(frame > newest || entry.channelID == CONSTANT_CHANNEL) << "an old frame again";
     EXPECT_TRUE(newest == 0 || frame == newest + 1 || m_queueLength >= 0 || entry.channelID != 10 ||
-                m_disturbance.happened())
+                FaultCalls::happened())
         << "a host that waits for room loses frames";
     newest = frame;
     ++reader.received[entry.channelID];

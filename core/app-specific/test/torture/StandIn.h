@@ -10,7 +10,8 @@
     extern "C" result __real_##name parameters;                                                              \
     extern "C" result __wrap_##name parameters
 
-const std::int64_t NS_PER_MS = 1000000;
+const std::int64_t NS_PER_US = 1000;
+const std::int64_t NS_PER_MS = 1000 * NS_PER_US;
 const std::int64_t NS_PER_S = 1000 * NS_PER_MS;
 
 inline std::int64_t nanoseconds(const timespec& time)
