@@ -120,6 +120,7 @@ const std::vector<FaultKind>& faultKinds()
                             {"send", "EINTR", EINTR, K::HURTS, {}},
                             {"send", "short", K::SHORT, K::HARMLESS, {}},
                             {"send", "nothing", K::NOTHING, K::HURTS, {}},
+                            {"send", "throws", K::THROWS, K::HURTS, {}},
                             {"ioctl", "", EINVAL, K::HARMLESS, {"StalledClient", "FullQueue"}},
                             {"getsockopt", "", ENOPROTOOPT, K::HARMLESS, {"StalledClient", "FullQueue"}},
                             {"clock_gettime", "jumps", K::JUMP, K::HURTS, {}},

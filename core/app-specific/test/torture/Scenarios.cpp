@@ -93,7 +93,7 @@ void takeover(ScenarioRun& run)
     run.init("3,1,5:1,o:10,n:20,s");
     if (run.connect(1) && run.readCycles(1, 2, {{1, 10}})) {
         repeat(run, 3, {10, 20});
-        run.connect(2, ScenarioRun::ANYWHERE);
+        run.connect(2, ScenarioRun::AMID);
         repeat(run, 3, {1, 10, 20});
         run.readToEnd(1) && run.readChannel(2, 20, {{1, 10, 20}});
     }
