@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -129,6 +130,19 @@ TEST_F(StreamingTest, OnceCycleByteForByte)
     EXPECT_EQ(client->readCycle().bytes,
               bytesOf("\0\0\0\0\7\0\0\0\1\0\0\0"
                       "\x2C\1\0\0\1\0\0\0\5\0\0\0\xFD\xFF\xFF\xFF\5\0\0\0\xA0\xA1\xA2\xA3\xA4"));
+}
+
+TEST(Slices, PartThatDoesNotExistHasNone)
+{
+    Lodestone::StoredBuffer buffer;
+    buffer.byteSize = 10;
+    const std::pair<int, int> cases[] = {{3, 3}, {0, 0}, {-1, -2}};
+    for (const auto& [noParts, partNo] : cases) {
+        Lodestone::SendJob job(&buffer, noParts, partNo);
+        job.partOffset = job.partByteSize = -7;
+        Lodestone::QueueProbe::calcOffsetLength(job);
+        EXPECT_TRUE(job.partOffset == -7 && job.partByteSize == -7) << noParts << ", " << partNo;
+    }
 }
 
 TEST_F(StreamingTest, SixPackagesShareFiveSlots)
