@@ -122,6 +122,26 @@ TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)
     EXPECT_EQ(Stored({{101, "A"}, {102, ""}, {103, ""}}), storedBuffers());
 }
 
+TEST_F(LodestoneTest, ReasonWithoutMemoryForItsWordsIsToldInShortOnes)
+{
+    const std::string item(500, 'x'); // a longer text than any before
+    const std::string refused = config("1,1,20:" + item);
+    std::set<std::string> reasons;
+    bool failed = true;
+    for (std::size_t n = 1; failed; ++n) {
+        ASSERT_LT(n, 200U);
+        {
+            const AllocationScope scope(n);
+            EXPECT_EQ(1, Lodestone_Init(1, refused));
+            failed = scope.failed();
+        }
+        reasons.insert(GetLastErrorString());
+    }
+    EXPECT_EQ(
+        std::set<std::string>({"Invalid channel config item: " + item, "Out of memory", "std::bad_alloc"}),
+        reasons);
+}
+
 TEST_F(LodestoneTest, FailureOfTheServerEndsTheConnectionAndNothingElse)
 {
     start("1,1,-1:10,n");

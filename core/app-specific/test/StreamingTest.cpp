@@ -6,6 +6,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <new>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,6 +18,9 @@ namespace
 std::atomic<bool> g_sendThrows{false}; // once
 std::atomic<bool> g_mayRest{true};
 std::atomic<int> g_rests{0}; // of the server
+std::atomic<bool> g_mayAccept{true};
+std::atomic<bool> g_accepting{false};
+std::atomic<const void*> g_sleepsOn{nullptr}; // the condition on which the sender went to sleep last
 
 } // namespace
 
@@ -33,6 +37,20 @@ STAND_IN(int, usleep, (useconds_t time_us))
 {
     ++g_rests;
     return waitFor([] { return g_mayRest.load(); }) ? 0 : __real_usleep(time_us);
+}
+
+STAND_IN(int, accept4, (int sock, sockaddr* address, socklen_t* length, int flags))
+{
+    g_accepting = true;
+    waitFor([] { return g_mayAccept.load(); });
+    g_accepting = false;
+    return __real_accept4(sock, address, length, flags);
+}
+
+STAND_IN(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex))
+{
+    g_sleepsOn = condition;
+    return __real_pthread_cond_wait(condition, mutex);
 }
 
 namespace
@@ -198,6 +216,30 @@ TEST_F(StreamingTest, InternalFailureIsToldAndTheSameClientGetsAFreshTransfer)
     EXPECT_EQ(::testing::internal::GetCapturedStdout(),
               "Lodestone sender thread exception: std::bad_alloc\n");
     EXPECT_TRUE(nextCycle(*client, frame).isOnce());
+}
+
+TEST_F(StreamingTest, CycleInHandWhenAClientTakesOverIsForItIfItIsStillQueued)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"1,1,5:10,n:11,n", "next"}, {"1,1,-5:10,n:11,n", "in hand"}, {"1,1,5:10,o:11,o", "in hand"}};
+    for (const auto& [config, payload] : cases) {
+        SCOPED_TRACE(config);
+        openQueue(config);
+        const auto old = connectClient();
+        deliver({{11, "x"}}); // moves the transfer on, or is half of the once data
+        g_mayAccept = false;
+        StreamClient young(m_port);
+        EXPECT_TRUE(waitFor([] { return g_accepting.load(); }));
+        g_sleepsOn = nullptr;
+        deliver({{10, "in hand"}});
+        EXPECT_TRUE(waitFor([&] { return g_sleepsOn != nullptr && g_sleepsOn != m_probe->jobCondition(); }));
+        g_mayAccept = true;
+        EXPECT_TRUE(waitFor([&] { return m_probe->storeEmpty(); }));
+        deliver({{10, "next"}});
+        const WireCycle cycle = young.readCycle();
+        ASSERT_NE(cycle.find(10), nullptr);
+        EXPECT_EQ(cycle.find(10)->payload, payload);
+    }
 }
 
 TEST_F(StreamingTest, NewcomerGetsTheOldClientsDescriptorIfNoOtherIsFree)

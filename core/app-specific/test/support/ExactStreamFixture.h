@@ -75,6 +75,7 @@ protected:
         delivery.slack = m_reader != nullptr ? 1 : 0;
         delivery.frontBefore = m_probe->frontCycle();
         const std::uint32_t skippedBefore = m_probe->numSkipped();
+        const bool emptyBefore = m_probe->storeEmpty();
         const Lodestone::PerPackageDiag* const diag = callQueue(constant);
         ASSERT_EQ(diag == nullptr, delivery.buffers.empty());
         if (m_reader != nullptr) {
@@ -84,6 +85,7 @@ protected:
             return;
         }
         m_waits += diag->waitedForQueue;
+        EXPECT_TRUE(diag->waitedForQueue == 0 || !emptyBefore);
         delivery.frontAfter = m_probe->frontCycle();
         delivery.numSkipped = m_probe->numSkipped();
         for (OfferedBuffer& buffer : delivery.buffers) {

@@ -13,10 +13,8 @@ struct QueueProbe
     explicit QueueProbe(SondeBufferQueue& queue) : q(queue) {}
 
     bool senderRunning() const { return q.m_senderRunning; }
-    bool serverRunning() const { return q.m_serverThreadRunning; }
     bool connected() const { return q.m_connectedID != SondeBufferQueue::NO_CONNECTION; }
     std::int64_t connectedID() const { return q.m_connectedID; }
-    const void* jobMutex() const { return &q.m_jobMutex; }
     const void* jobCondition() const { return &q.m_jobCondition; }
     bool restartMarked() const { return q.m_restartMarked; }
     int state() const { return q.m_transmissionState; }
@@ -95,7 +93,6 @@ struct QueueProbe
     }
     void done(CycleJob& job) { q.jobDone(job); }
     void drop(CycleJob& job) { q.dropJob(job); }
-    void markRestart() { q.m_restartMarked = true; }
     bool spaceLeft(std::int32_t channelID, std::int32_t maxAppearance, bool splitted)
     {
         const Channel* const channel = q.m_channels.find(channelID);

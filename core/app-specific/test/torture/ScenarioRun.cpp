@@ -360,6 +360,7 @@ void ScenarioRun::check(Reader& reader, const WireCycle& cycle)
         return;
     }
     for (std::size_t k = 0; k + 2 < size; ++k) {
+        EXPECT_FALSE(contains(reader.onceChannels, cycle.entries[k].channelID)) << "once data among others";
         checkPart(reader, cycle.entries[k]);
     }
 }
