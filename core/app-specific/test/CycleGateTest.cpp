@@ -109,8 +109,9 @@ TEST(CycleGate, SlowClientIsServedAndOneThatStopsIsCutOff)
     std::thread sender([&] {
         const std::string bytes(1000000, 'b');
         CycleGate::Cycle cycle(gate);
-        cycle.watch(&socket);
         underWay = true;
+        EXPECT_TRUE(awaitLooks(1)); // the server is at it when the watch begins
+        cycle.watch(&socket);
         try {
             for (;;) {
                 socket.send(bytes.data(), static_cast<int>(bytes.size()));

@@ -275,6 +275,7 @@ TEST(TCPServerSocket, AcceptNeverBlocksAndTellsVanishedFromFailed)
     ASSERT_TRUE(listener.waitForReadyRead(900));
     const std::pair<int, AcceptResult> cases[] = {{ECONNABORTED, AcceptResult::VANISHED},
                                                   {EINTR, AcceptResult::VANISHED},
+                                                  {EPROTO, AcceptResult::VANISHED},
                                                   {ENETUNREACH, AcceptResult::VANISHED},
                                                   {EMFILE, AcceptResult::FAILED}};
     for (const auto& [error, result] : cases) {
