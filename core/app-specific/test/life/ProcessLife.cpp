@@ -1,4 +1,4 @@
-// Hosts that end or fork while the library is at work. Argument: the case.
+// Hosts that end, fork or start other programs while the library is at work. Argument: the case.
 
 #include "Child.h"
 
@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 // These processes end beside threads that still own something, and leave it to the kernel.
 extern "C" const char* __asan_default_options()
@@ -204,15 +205,38 @@ void forks()
     }
 }
 
+int inheritedSockets()
+{
+    FILE* const listing = ::popen("ls -l /proc/self/fd", "r");
+    REQUIRE(listing != nullptr);
+    int sockets = 0;
+    char line[512];
+    while (std::fgets(line, sizeof line, listing) != nullptr) {
+        sockets += std::strstr(line, "socket:") != nullptr ? 1 : 0;
+    }
+    REQUIRE(::pclose(listing) == 0);
+    return sockets;
+}
+
+void exec()
+{
+    const int before = inheritedSockets(); // of whoever has started this test
+    StreamClient client(startTap("1,1,5"));
+    expectStreamGoesOn(client, "x");
+    REQUIRE(inheritedSockets() == before);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const std::string given = argc == 2 ? argv[1] : "";
-    if (given != "Exit" && given != "Fork") {
-        std::fprintf(stderr, "no such case\n");
-        return 2;
+    const std::pair<const char*, void (*)()> cases[] = {{"Exit", exits}, {"Fork", forks}, {"Exec", exec}};
+    for (const auto& [name, live] : cases) {
+        if (argc == 2 && std::strcmp(argv[1], name) == 0) {
+            live();
+            return 0;
+        }
     }
-    given == "Exit" ? exits() : forks();
-    return 0;
+    std::fprintf(stderr, "no such case\n");
+    return 2;
 }
