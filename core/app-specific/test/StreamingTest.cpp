@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <fcntl.h>
 #include <new>
 #include <pthread.h>
@@ -20,6 +21,8 @@ std::atomic<bool> g_mayRest{true};
 std::atomic<int> g_rests{0}; // of the server
 std::atomic<bool> g_mayAccept{true};
 std::atomic<bool> g_accepting{false};
+std::atomic<int> g_acceptError{0};
+std::atomic<int> g_acceptFaults{0};           // so many times
 std::atomic<const void*> g_sleepsOn{nullptr}; // the condition on which the sender went to sleep last
 
 } // namespace
@@ -44,6 +47,11 @@ STAND_IN(int, accept4, (int sock, sockaddr* address, socklen_t* length, int flag
     g_accepting = true;
     waitFor([] { return g_mayAccept.load(); });
     g_accepting = false;
+    if (g_acceptFaults > 0) {
+        --g_acceptFaults;
+        errno = g_acceptError;
+        return -1;
+    }
     return __real_accept4(sock, address, length, flags);
 }
 
@@ -239,6 +247,19 @@ TEST_F(StreamingTest, CycleInHandWhenAClientTakesOverIsForItIfItIsStillQueued)
         const WireCycle cycle = young.readCycle();
         ASSERT_NE(cycle.find(10), nullptr);
         EXPECT_EQ(cycle.find(10)->payload, payload);
+    }
+}
+
+TEST_F(StreamingTest, ConnectionsThatBreakBeforeTheyAreAcceptedAreNoReasonToRest)
+{
+    openQueue("1,1,5:10,n");
+    auto client = connectClient();
+    for (const int error : {ECONNABORTED, EINTR, EPROTO, ENETUNREACH}) {
+        const int rests = g_rests;
+        g_acceptError = error;
+        g_acceptFaults = 3;
+        client = connectClient();
+        EXPECT_EQ(g_rests, rests) << error;
     }
 }
 
