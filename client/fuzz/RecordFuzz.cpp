@@ -74,6 +74,8 @@ private:
     void walkField(const RecordField& field, const std::string& path, std::uint64_t displacement,
                    std::size_t depth) const
     {
+        const std::string array = path.substr(0, path.size() - (lastOf(field).size() - field.name.size()));
+        checkRefusals(field, path, array);
         if (field.type == FieldType::STRUCTURE) {
             walkStructure(field, path + ".", displacement, depth + 1);
             return;
@@ -82,8 +84,42 @@ private:
                   "the value lies in the record");
         const std::uint64_t bits = plainNumber(m_record.data() + field.offset + displacement, field.size);
         fuzzCheck(isRead(field, path, bits), "value of " + path);
-        const std::string array = path.substr(0, path.size() - (lastOf(field).size() - field.name.size()));
         fuzzCheck(m_view.readArray<double>(array).size() == field.elementCount(), "elements of " + array);
+        const double number = m_view.read<double>(path);
+        const bool isByte = field.type != FieldType::FLOAT && number >= 0 && number <= UINT8_MAX;
+        fuzzCheck(isReadAs<std::uint8_t>(path) == isByte, "range of " + path);
+    }
+
+    /// Paths that are nearly right. `array` is `path` without its last indexes.
+    void checkRefusals(const RecordField& field, const std::string& path, const std::string& array) const
+    {
+        const bool isStructure = field.type == FieldType::STRUCTURE;
+        fuzzCheck(isReadAs<double>(path) != isStructure, "one number: " + path);
+        fuzzCheck(!isReadAs<double>(path + "[0]"), "an index too many: " + path);
+        fuzzCheck(!isReadAs<double>(path + "."), "nothing behind the dot: " + path);
+        if (field.extents.empty()) {
+            return;
+        }
+        const std::string child =
+            isStructure && !field.children.empty() ? "." + lastOf(field.children[0]) : "";
+        fuzzCheck(!isReadAs<double>(array + child), "no index: " + array);
+        for (std::size_t i = 0; i < field.extents.size(); ++i) {
+            RecordField longer = field;
+            ++longer.extents[i];
+            const std::string outside = array + lastOf(longer).substr(field.name.size());
+            fuzzCheck(!isReadAs<double>(outside + child), "outside: " + outside);
+        }
+    }
+
+    template<typename T>
+    bool isReadAs(const std::string& path) const
+    {
+        try {
+            m_view.read<T>(path);
+            return true;
+        } catch (const ReaderError&) {
+            return false;
+        }
     }
 
     bool isRead(const RecordField& field, const std::string& path, std::uint64_t bits) const
@@ -147,6 +183,16 @@ void checkAnyPath(const RecordView& view, const Bytes& bytes)
     }
 }
 
+bool isRecordOf(const RecordDescription& description, const Bytes& record)
+{
+    try {
+        static_cast<void>(RecordView(description, record));
+        return true;
+    } catch (const ReaderError&) {
+        return false;
+    }
+}
+
 void checkRecord(const RecordDescription& description, const Bytes& bytes)
 {
     Bytes record = bytes;
@@ -155,6 +201,7 @@ void checkRecord(const RecordDescription& description, const Bytes& bytes)
         return;
     }
     record.resize(size);
+    fuzzCheck(!isRecordOf(description, Bytes(size - 1)), "a record that is too short");
     const RecordView view(description, record);
     RecordWalk(view, record).walk();
     checkTexts(description, record, view);

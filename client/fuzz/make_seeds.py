@@ -108,6 +108,8 @@ RECORDS = {
     "diagnostics-other": (record(b"LodestoneDiag", 8, node(b"queueLength", FLOAT, 0, 8)), bytes(8)),
     "extents": (record(b"R", 64, node(b"x", SIGNED, 0, 8, (0xFFFFFFFF,) * 3)), b""),
     "overlap": (record(b"R", 64, node(b"x", SIGNED, 0, 8), node(b"y", SIGNED, 7, 1)), b""),
+    "before": (record(b"R", 64, structure(b"s", 8, 8, (), node(b"x", SIGNED, 0, 8))), b""),
+    "overlap-array": (record(b"R", 64, node(b"x", SIGNED, 0, 8, (2,)), node(b"y", SIGNED, 8, 1)), b""),
     "twice": (record(b"R", 64, node(b"x", SIGNED, 0, 8), node(b"x", SIGNED, 8, 1)), b""),
     "wraps": (record(b"R", 64, node(b"x", SIGNED, 0xFFFFFFFF, 8)), b""),
     "outside": (record(b"R", 64, node(b"x", SIGNED, 60, 8)), b""),

@@ -1,6 +1,5 @@
-#include "ReaderError.h"
-#include "RecordView.h"
 #include "StreamModel.h"
+#include "TapOptions.h"
 #include "support/DescriptionBytes.h"
 
 #include <algorithm>
@@ -22,15 +21,17 @@ std::string errorOf(const std::function<void()>& step)
 {
     try {
         step();
-    } catch (const ReaderError& error) {
+    } catch (const std::runtime_error& error) {
         return error.what();
     }
     return "no error";
 }
 
-/// The error of a model with one MiB.
-std::string errorOf(const StreamBytes& stream)
+/// The error of a model with one MiB, of a stream behind a good cycle of 37 bytes.
+std::string errorBehindACycle(const StreamBytes& tail)
 {
+    StreamBytes stream;
+    stream.cycle(7, 1).whole(300, pattern(5, 0)).raw(tail.bytes());
     StreamLimits limits;
     limits.memoryBytes = 1 << 20;
     StreamModel model({}, limits);
@@ -45,16 +46,8 @@ TEST(StreamModel, BrokenStreamNamesItsPlace)
     for (int i = 0; i < 1100; ++i) {
         channels.cycle(i, 1).whole(i, {});
     }
-    Bytes marked = diagnosticsDescription();
-    marked[12] = 9;
-    const Bytes abc = {'a', 'b', 'c'};
-    const auto begun = [&abc] { return StreamBytes().cycle(8, 1).part(1, 3, abc, 0, 0, 1).cycle(9, 1); };
-    // Each behind a good cycle of 37 bytes.
-    const struct
-    {
-        StreamBytes tail;
-        const char* error;
-    } cases[] = {
+    const auto begun = [] { return StreamBytes().cycle(8, 1).part(1, 3, {1, 2, 3}, 0, 0, 1).cycle(9, 1); };
+    const std::pair<StreamBytes, const char*> cases[] = {
         {StreamBytes().number(1).number(9).number(1), "37, cycle 9: version 1, must be 0"},
         {StreamBytes().cycle(8, 0), "45, cycle 8: numberOfChannelsInCycle 0, must be 1 to 1048576"},
         {StreamBytes().cycle(-1, BIGGEST),
@@ -68,8 +61,6 @@ TEST(StreamModel, BrokenStreamNamesItsPlace)
          "81, cycle 8: channel 13 has partNumber -1 in a NORMAL cycle"},
         {StreamBytes().cycle(8, 2).header(12, 1, 0, -4, 0).header(13, 1, 0, -5, 0),
          "81, cycle 8: channel 13 has partNumber -5 in a ONCE cycle that began with -4"},
-        {StreamBytes().cycle(8, 1).header(12, 3, 10, 2, 3),
-         "65, cycle 8: channel 12 has partByteSize 3, but part 2 of 3 of 10 bytes has 4"},
         {StreamBytes().cycle(8, 1).header(12, 5, 2, 4, 1),
          "65, cycle 8: channel 12 has partByteSize 1, but part 4 of 5 of 2 bytes has 0"},
         {StreamBytes().cycle(8, 1).header(12, 1, BIGGEST, 0, BIGGEST),
@@ -81,44 +72,36 @@ TEST(StreamModel, BrokenStreamNamesItsPlace)
         {StreamBytes().cycle(8, 1).header(9, 1 << 20, 1 << 20, 0, 1).raw({1}),
          "49, cycle 8: channel 9: 1048832 more bytes are over the memory limit of 1048576 bytes"},
         {channels, "32817, cycle 1024: channel 1024: 1024 more bytes are over the memory limit"},
-        {StreamBytes().cycle(8, 1).whole(10999, marked),
-         "49, cycle 8: channel 10999: description has the mark 0x09, must be 0x02"},
     };
-    for (const auto& item : cases) {
-        const std::string error =
-            errorOf(StreamBytes().cycle(7, 1).whole(300, pattern(5, 0)).raw(item.tail.bytes()));
-        EXPECT_EQ(error.rfind(std::string("stream broken at byte ") + item.error, 0), 0U) << error;
+    for (const auto& [tail, expected] : cases) {
+        const std::string error = errorBehindACycle(tail);
+        EXPECT_EQ(error.rfind(std::string("stream broken at byte ") + expected, 0), 0U) << error;
     }
 }
 
-TEST(RecordDescription, BrokenPayloadIsRefused)
+TEST(RecordDescription, BrokenOneNamesItsPlace)
 {
-    const Bytes good = described("record R size 4\nint32 x at 0\nend\n").packed();
-    const std::pair<Bytes, const char*> cases[] = {
-        {Bytes(good.begin(), good.begin() + 13), "description doesn't begin with a description's header"},
-        {Bytes(good.begin(), good.end() - 10), "description's zlib stream is damaged or cut short"},
+    const Lodestone::DescriptionEncoder encoder = described("record R size 64\n"
+                                                            "struct s at 8 size 8\nint32 x at 0\nend\n"
+                                                            "int32 y[2] at 16\nend\n");
+    const Bytes packed = encoder.packed();
+    Bytes marked = packed;
+    marked[12] = 9;
+    std::vector<std::pair<Bytes, std::string>> cases = {
+        {Bytes(packed.begin(), packed.begin() + 13), "description doesn't begin with a description's header"},
+        {Bytes(packed.begin(), packed.end() - 10), "description's zlib stream is damaged or cut short"},
+        {marked, "description has the mark 0x09, must be 0x02"},
         {deflated({}, 1 << 21), "description of 2097152 bytes, must be 1 to 1048576"},
         {deflated(Bytes(60, 0), 61), "description has 60 bytes and announces 61"},
         // A bomb: a thousand times what it announces.
         {deflated(Bytes(60000, 0), 60), "description doesn't end with the 60 bytes that it announces"},
     };
-    for (const auto& [payload, error] : cases) {
-        EXPECT_EQ(errorOf([&payload = payload] { RecordDescription::decode(payload); }), error);
-    }
-}
-
-TEST(RecordDescription, BrokenItemsAreRefusedWithTheirPlace)
-{
-    const Bytes good = described("record R size 64\n"
-                                 "struct s at 8 size 8\nint32 x at 0\nend\n"
-                                 "int32 y[2] at 16\nend\n")
-                           .description();
     const struct
     {
         std::size_t place; // of the one byte that is another
         std::uint8_t byte;
         const char* error;
-    } cases[] = {
+    } items[] = {
         {15, 1, "0: field R is the root, but not a single structure at offset 0"},
         {20, 0, "0: field R has type 0xFE of 0 bytes"},
         {21, 0x96, "21: tag 0x96 where root extent (0x68) is due"},
@@ -127,50 +110,51 @@ TEST(RecordDescription, BrokenItemsAreRefusedWithTheirPlace)
         {35, 200, "36: the description ends in the middle of an item"},
         {36, '.', "37: name with a character that a name can't have"},
         {41, 9, "42: 9 dimensions, must be at most 8"},
-        {72, 13, "57: field x reaches beyond the end of its structure"},
         {77, 3, "57: field x has type 0x01 of 3 bytes"},
         {87, 1, "88: a type stands where a name or the end of a structure is due"},
-        {93, 's', "88: field s stands twice in its structure"},
         {99, 0xFF, "88: field y has dimensions that don't fit its structure"},
         {102, 0, "88: field y has dimensions that don't fit its structure"},
         {107, 15, "88: field y overlaps the field before it, or lies before its structure"},
-        {good.size(), 0, "123: bytes behind the end of the root structure"},
+        {encoder.description().size(), 0, "123: bytes behind the end of the root structure"},
     };
-    for (const auto& item : cases) {
-        Bytes broken = good;
-        broken.resize(std::max(good.size(), item.place + 1));
+    for (const auto& item : items) {
+        Bytes broken = encoder.description();
+        broken.resize(std::max(broken.size(), item.place + 1));
         broken[item.place] = item.byte;
-        const Bytes payload = deflated(broken, broken.size());
-        EXPECT_EQ(errorOf([&payload] { RecordDescription::decode(payload); }),
-                  std::string("inflated description, byte ") + item.error);
+        cases.emplace_back(deflated(broken, broken.size()),
+                           std::string("inflated description, byte ") + item.error);
+    }
+    for (const auto& [payload, error] : cases) {
+        EXPECT_EQ(errorBehindACycle(StreamBytes().cycle(8, 1).whole(10999, payload)),
+                  "stream broken at byte 49, cycle 8: channel 10999: " + error);
     }
 }
 
-TEST(RecordView, BadPathsAreNamed)
+TEST(TapOptions, CommandLinesAreReadOrRefused)
 {
-    const RecordDescription description =
-        RecordDescription::decode(described("record R size 64\nint8 byte at 0\nuint64 wide at 8\n"
-                                            "int16 matrix[2][3] at 16\nstruct s[2] at 32 size 8\n"
-                                            "uint8 a[2] at 2\nend\nend\n")
-                                      .packed());
-    const Bytes bytes(64, 0xF0);
-    const RecordView record(description, bytes);
-    const std::pair<const char*, const char*> cases[] = {
-        {"byte", " can't be read as an integer of the type asked for"},
-        {"wide", " can't be read as an integer of the type asked for"},
-        {"matrix[1]", " is an array, an index is missing"},
-        {"matrix[2][0]", ": index 2 is outside matrix"},
-        {"matrix[-1]", " has a bad index"},
-        {"matrix[1", " has a bad index"},
-        {"s[0]", " is a structure"},
-        {"s.a", ": s is an array, an index is missing"},
-        {"s[0][0].a", ": index 0 is outside s"},
-        {"s[0]a", " isn't a path of names and indexes"},
-        {"byte.x", ": byte has no field 'x'"},
+    const TapOptions options = TapOptions::parse({"watch", "--json", "--interval", "0.25", "dev-7.lan:7000",
+                                                  "--seconds", "90", "--memory", "2", "--timeout", "5"});
+    EXPECT_EQ(options.endpoint(), "dev-7.lan:7000");
+    EXPECT_TRUE(options.json && !options.once && options.memoryBytes == 2U << 20);
+    EXPECT_TRUE(options.interval.count() == 250 && options.duration->count() == 90000 &&
+                options.timeout.count() == 5000);
+    EXPECT_EQ(TapOptions::parse({"watch", "--help"}).command, TapOptions::Command::HELP);
+
+    const std::string noEndpoint = " is no HOST:PORT with a name or IPv4 address and a port of 1 to 65535";
+    const std::string noSeconds = " needs a number of seconds from 0.05 to 1000000, got ";
+    const std::pair<std::vector<std::string>, std::string> refused[] = {
+        {{"look", "h:1"}, "unknown command 'look'"},
+        {{"watch"}, "watch needs HOST:PORT"},
+        {{"watch", "h:0"}, "'h:0'" + noEndpoint},
+        {{"watch", "[::1]:7000"}, "'[::1]:7000'" + noEndpoint},
+        {{"watch", "h:1", "--fast"}, "unknown option '--fast'"},
+        {{"watch", "h:1", "--interval"}, "--interval needs a value"},
+        {{"watch", "h:1", "--interval", "0"}, "--interval" + noSeconds + "'0'"},
+        {{"watch", "h:1", "--timeout", "1s"}, "--timeout" + noSeconds + "'1s'"},
+        {{"watch", "h:1", "--memory", "-1"}, "--memory needs a number of MiB from 1 to 1048576, got '-1'"},
+        {{"watch", "h:1", "--once", "--seconds", "1"}, "--once and --seconds exclude each other"},
     };
-    for (const auto& [path, error] : cases) {
-        EXPECT_EQ(errorOf([&record, path = path] { record.read<std::uint32_t>(path); }),
-                  std::string(path) + error);
+    for (const auto& [arguments, error] : refused) {
+        EXPECT_EQ(errorOf([&arguments = arguments] { TapOptions::parse(arguments); }), error);
     }
-    EXPECT_THROW(RecordView(description, Bytes(63)), ReaderError);
 }

@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 using namespace Sysmon;
 
@@ -23,16 +25,28 @@ std::string text(const std::uint8_t (&field)[SIZE])
     return reinterpret_cast<const char*>(field);
 }
 
-TEST(ProcParsers, CountersComeFromTheirOwnLinesAndColumns)
+TEST(ProcParsers, CountersComeFromTheirOwnLinesAndWhatHasNoRoomIsCountedOrLeftOut)
 {
+    std::string stat =
+        "cpu  30 1 20 900 5 2 3 4 0 0\ncpu0 10 1 10 500 5 2 3\n" // an old kernel has fewer columns
+        "intr 280900 0 0 15\nctxt 5000000000\nbtime 1\nprocs_running 2\n";
+    std::string netDev = " face |bytes    packets errs drop\n"
+                         "    lo:    3267  29  1  2  0  0  0  9  4000  30  3  4  0  0 0 0\n"
+                         "a-very-long-name:1 2 3 4 0 0 0 0 5000000000 6 7 8 0 0 0 0\n";
+    std::string lines = "           CPU0       CPU1       \n"
+                        " 16:          3          4   27 Level     arch_timer\n"
+                        "ERR:          5\n";
+    for (int i = 2; i < 300; ++i) {
+        stat += "cpu" + std::to_string(i) + " 1\n";
+        netDev += "eth" + std::to_string(i) + ": 1\n";
+        lines += std::to_string(i) + ": 1 2 source\n";
+    }
     CpuRecord cpu = {};
-    parseStat("cpu  30 1 20 900 5 2 3 4 0 0\ncpu0 10 1 10 500 5 2 3\n" // an old kernel has fewer columns
-              "intr 280900 0 0 15\nctxt 5000000000\nbtime 1\nprocs_running 2\n",
-              cpu);
-    EXPECT_TRUE(cpu.interrupts == 280900 && cpu.contextSwitches == 5000000000);
-    EXPECT_TRUE(cpu.runningTasks == 2 && cpu.coreCount == 1);
+    parseStat(stat, cpu);
+    EXPECT_TRUE(cpu.interrupts == 280900 && cpu.contextSwitches == 5000000000 && cpu.runningTasks == 2);
     EXPECT_TRUE(cpu.total.idle == 900 && cpu.total.steal == 4);
     EXPECT_TRUE(cpu.cores[0].softIrq == 3 && cpu.cores[0].steal == 0);
+    EXPECT_TRUE(cpu.coreCount == 16 && cpu.unlistedCores == 283);
 
     MemoryRecord memory = {};
     parseMemInfo("MemTotal:  24684084 kB\nCached:  526280 kB\nSwapCached:  7 kB\nno colon here\nShmem: 8 kB",
@@ -40,44 +54,19 @@ TEST(ProcParsers, CountersComeFromTheirOwnLinesAndColumns)
     EXPECT_TRUE(memory.total_KiB == 24684084 && memory.cached_KiB == 526280 && memory.shared_KiB == 8);
 
     NetworkRecord network = {};
-    parseNetDev(" face |bytes    packets errs drop\n"
-                "    lo:    3267  29  1  2  0  0  0  9  4000  30  3  4  0  0 0 0\n"
-                "a-very-long-name:1 2 3 4 0 0 0 0 5000000000 6 7 8 0 0 0 0\n",
-                network);
+    parseNetDev(netDev, network);
     const NetworkInterface& lo = network.interfaces[0];
     EXPECT_TRUE(lo.receivedBytes == 3267 && lo.receiveDropped == 2 && lo.sentBytes == 4000 &&
                 lo.sendDropped == 4);
     EXPECT_EQ("a-very-long-nam", text(network.interfaces[1].name));
-
-    const auto interrupts = std::make_unique<InterruptRecord>();
-    parseInterrupts("           CPU0       CPU1       \n"
-                    " 16:          3          4   27 Level     arch_timer\n"
-                    "ERR:          5\n",
-                    *interrupts);
-    EXPECT_EQ("27 Level arch_timer", text(interrupts->lines[0].source));
-    EXPECT_TRUE(interrupts->lines[0].counts[1] == 4 && interrupts->lines[0].counts[2] == 0);
-    EXPECT_TRUE(interrupts->lineCount == 2 && interrupts->lines[1].counts[0] == 5);
-}
-
-TEST(ProcParsers, WhatHasNoRoomIsCountedOrLeftOut)
-{
-    std::string stat;
-    std::string netDev;
-    std::string lines = " CPU0 CPU1\n";
-    for (int i = 0; i < 300; ++i) {
-        stat += "cpu" + std::to_string(i) + " 1\n";
-        netDev += "eth" + std::to_string(i) + ": 1\n";
-        lines += std::to_string(i) + ": 1 2 source\n";
-    }
-    CpuRecord cpu = {};
-    parseStat(stat, cpu);
-    EXPECT_TRUE(cpu.coreCount == 16 && cpu.unlistedCores == 284);
-    NetworkRecord network = {};
-    parseNetDev(netDev, network);
     EXPECT_TRUE(network.interfaceCount == 16 && network.unlistedInterfaces == 284);
+
     const auto interrupts = std::make_unique<InterruptRecord>();
     parseInterrupts(lines, *interrupts);
-    EXPECT_EQ("255", text(interrupts->lines[255].label));
+    EXPECT_EQ("27 Level arch_timer", text(interrupts->lines[0].source));
+    EXPECT_TRUE(interrupts->lines[0].counts[1] == 4 && interrupts->lines[0].counts[2] == 0);
+    EXPECT_EQ(5U, interrupts->lines[1].counts[0]);
+    EXPECT_TRUE(interrupts->lineCount == 256 && text(interrupts->lines[255].label) == "255");
 }
 
 TEST(SystemMonitor, RecordsComeInPairsAndBusyIsTheShareOfTheTicksSinceTheFrameBefore)
@@ -109,30 +98,16 @@ TEST(SystemMonitor, RecordsComeInPairsAndBusyIsTheShareOfTheTicksSinceTheFrameBe
     }
 }
 
-TEST(Options, BadOnesAreRefusedWithTheirReason)
+TEST(Options, BadOnesAreRefused)
 {
     const Options options = Options::parse({"--rate", "0.5", "--port", "0", "--rate", "100"});
     EXPECT_TRUE(options.rate_Hz == 100 && options.port == 0);
-    const struct
-    {
-        std::vector<std::string> arguments;
-        const char* message;
-    } cases[] = {
-        {{"--rate"}, "--rate needs a value"},
-        {{"--rate", "1.2.3"}, "--rate: '1.2.3' is no number from 0.1 to 1000"},
-        {{"--rate", "nan"}, "--rate: 'nan' is no number from 0.1 to 1000"},
-        {{"--port", "999"}, "--port: '999' is no number from 1000 to 65535"},
-        {{"--port", "65536"}, "--port: '65536' is no number from 0 to 65535"},
-        {{"--port", "5000.5"}, "--port: '5000.5' is no whole number"},
-        {{"5000"}, "unknown argument '5000'; --help tells more"},
+    const std::vector<std::string> cases[] = {
+        {"--rate"},        {"--rate", "1.2.3"},  {"--rate", "1e2"}, {"--rate", "1001"},
+        {"--port", "999"}, {"--port", "5000.5"}, {"5000"},
     };
-    for (const auto& c : cases) {
-        try {
-            Options::parse(c.arguments);
-            ADD_FAILURE() << "accepted, instead of: " << c.message;
-        } catch (const std::invalid_argument& e) {
-            EXPECT_STREQ(c.message, e.what());
-        }
+    for (const std::vector<std::string>& arguments : cases) {
+        EXPECT_THROW(Options::parse(arguments), std::invalid_argument) << arguments.back();
     }
 }
 
