@@ -4,10 +4,16 @@
 #include "support/AllocationHook.h"
 #include "support/HostFixture.h"
 
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <pthread.h>
 #include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 using namespace Lodestone;
@@ -134,6 +140,52 @@ TEST_F(LodestoneTest, ReasonWithoutMemoryForItsWordsIsToldInShortOnes)
     EXPECT_EQ(
         std::set<std::string>({"Invalid channel config item: " + item, "Out of memory", "std::bad_alloc"}),
         reasons);
+}
+
+TEST_F(LodestoneTest, FailureOfTheServerEndsTheConnectionAndNothingElse)
+{
+    start("1,1,-1:10,n");
+    StreamClient client(m_port);
+    EXPECT_TRUE(deliverAndRead(client, {{10, "x"}}).complete);
+    AllocationScope::setFilter([] {
+        char name[16];
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        return std::strcmp(name, "lodestone-srv") == 0;
+    });
+    const StreamClient young(m_port);
+    EXPECT_TRUE(client.waitForEnd());
+    AllocationScope::setFilter(nullptr);
+    deliver({{10, "x"}});
+    deliver({{10, "x"}}); // without a wait for room
+}
+
+TEST_F(LodestoneTest, ThreadsHaveNamesAndLeaveTheSignalsToTheHost)
+{
+    sigset_t before;
+    sigset_t signals;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    start("1,1,5:10,n");
+    pthread_sigmask(SIG_SETMASK, nullptr, &signals);
+    for (int signal = 1; signal < SIGRTMAX; ++signal) {
+        EXPECT_EQ(sigismember(&signals, signal), sigismember(&before, signal)) << signal;
+    }
+    EXPECT_TRUE(waitFor([] {
+        std::set<std::string> names;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string name;
+            std::getline(std::ifstream(task.path() / "comm"), name);
+            names.insert(name);
+        }
+        return names.count("lodestone-send") == 1 && names.count("lodestone-srv") == 1;
+    }));
+
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::kill(::getpid(), SIGUSR1); // the end of the process, if another thread takes it
+    int taken = 0;
+    EXPECT_EQ(sigwait(&signals, &taken), 0);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include "Child.h"
 
-#include "LibraryCalls.h"
+#include "../torture/StandIn.h"
 #include "Lodestone.h"
 #include "SondeBufferQueue.h"
 
@@ -10,11 +10,8 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
 #include <utility>
-
-using namespace LibraryCalls;
 
 // These processes end beside threads that still own something, and leave it to the kernel.
 extern "C" const char* __asan_default_options()
@@ -31,14 +28,43 @@ extern "C" const char* __tsan_default_options()
 namespace
 {
 
-thread_local bool t_frameThread = false;
+/// What a host's thread does in a call that waits for room.
+enum class InCall
+{
+    WAITS,
+    STAYS_FOR_THE_END, ///< Until the exit handlers wait for it.
+    EXITS              ///< As a signal handler might.
+};
+std::atomic<InCall> g_inCall{InCall::WAITS};
+std::atomic<int> g_rests{0};      // there
+std::atomic<int> g_otherRests{0}; // of the exit handlers
 std::atomic<bool> g_callHeld{false};
+thread_local bool t_frameThread = false;
 
 // Registered before anything of the library's, so it runs behind the library's own exit handlers.
 __attribute__((constructor(101))) void watchTheEnd()
 {
     std::atexit([] { REQUIRE(!g_callHeld); }); // they have left a call behind
 }
+
+} // namespace
+
+STAND_IN(int, usleep, (useconds_t time_us))
+{
+    ++(t_frameThread ? g_rests : g_otherRests);
+    InCall deed = t_frameThread ? g_inCall.exchange(InCall::WAITS) : InCall::WAITS;
+    if (deed == InCall::STAYS_FOR_THE_END) {
+        g_callHeld = true;
+        waitFor([] { return g_otherRests >= 3; });
+        g_callHeld = false;
+    } else if (deed == InCall::EXITS) {
+        std::exit(0);
+    }
+    return __real_usleep(time_us);
+}
+
+namespace
+{
 
 /// A port on which the library streams channel 10.
 int startTap(const std::string& numbers)
@@ -70,21 +96,6 @@ void expectStreamGoesOn(StreamClient& client, const std::string& text)
     }));
 }
 
-const int NARROW = 16384;
-
-/// More than a client with NARROW buffers takes without reading.
-const std::string& big()
-{
-    static const std::string& bytes = *new std::string(1000000, 'b'); // outlives the exit handlers
-    return bytes;
-}
-
-void narrowConnection()
-{
-    REQUIRE(waitFor([] { return g_connection >= 0; }));
-    ::setsockopt(g_connection, SOL_SOCKET, SO_SNDBUF, &NARROW, sizeof NARROW);
-}
-
 /// A thread of the host's that never stops calling. It must not look at anything that the exit handlers
 /// destroy.
 template<typename Call>
@@ -98,98 +109,67 @@ void keepCalling(Call call)
     }).detach();
 }
 
-// --- Exit while another thread is in a call ---
-
-void exitBesideFrames()
-{
-    const StreamClient client(startTap("1,1,5"));
-    keepCalling([] { apply("x"); });
-    REQUIRE(waitFor([] { return count(SEND, SENDER) > 0; }));
-    std::exit(0);
-}
-
-void exitBesideInit()
-{
-    keepCalling([] { Lodestone::Lodestone_Init(1, "0," + std::to_string(freePort()) + ",1,1,5:10,n"); });
-    REQUIRE(waitFor([] { return count(CREATE, HOST) > 3; }));
-    std::exit(0);
-}
-
-/// A host that waits for room which a stalled client doesn't give.
+/// A host that waits for room which a client doesn't give.
 void stallInTheWait()
 {
-    stopClock(true); // the gate's two seconds pass with its looks
-    static const StreamClient& client = *new StreamClient(startTap("1,1,-1"), NARROW);
+    static const std::string& tooMuch = *new std::string(20000000, 'b'); // outlives the exit handlers
+    static const StreamClient& client = *new StreamClient(startTap("1,1,-1"), 16384);
     REQUIRE(client.connected());
-    narrowConnection();
-    keepCalling([] { apply(big()); });
-    REQUIRE(waitFor([] { return count(REST, HOST) >= 3; }));
+    keepCalling([] { apply(tooMuch); });
+    REQUIRE(waitFor([] { return g_rests >= 3; }));
 }
 
-void exitBesideTheWait()
+// --- Exit while another thread is in a call ---
+
+void exitBesideCalls()
 {
-    stallInTheWait();
+    static std::atomic<int> rounds{0};
+    keepCalling([] {
+        Lodestone::Lodestone_Init(1, "0," + std::to_string(freePort()) + ",1,1,5:10,n");
+        apply("x");
+        ++rounds;
+    });
+    REQUIRE(waitFor([] { return rounds > 3; }));
     std::exit(0);
 }
 
-void exitOutOfTheWait()
+void exitBesideAHeldCall()
 {
-    g_atRest = [] { // as a signal handler might
-        static bool exits = false;
-        if (!std::exchange(exits, true)) { // the exit rests itself
-            std::exit(0);
-        }
-    };
     stallInTheWait();
+    g_inCall = InCall::STAYS_FOR_THE_END;
+    REQUIRE(waitFor([] { return g_callHeld.load(); }));
+    std::exit(0);
+}
+
+void exitOutOfACall()
+{
+    stallInTheWait();
+    g_inCall = InCall::EXITS;
     for (;;) {
         ::pause();
     }
 }
 
-void exitBesideAHeldCall()
+void exits()
 {
-    const StreamClient client(startTap("1,1,5"));
-    Hold inCall(SIGNAL, HOST, [](const void*) { return t_frameThread; });
-    keepCalling([] { apply("x"); });
-    REQUIRE(inCall.awaitHeld());
-    g_callHeld = true;
-    const Calls rests(REST, HOST);
-    std::thread([&] {
-        rests.await(3); // the exit handlers wait
-        g_callHeld = false;
-        inCall.release();
-    }).detach();
-    std::exit(0);
-}
-
-void exitInApply()
-{
-    void (*const lives[])() = {exitBesideFrames, exitBesideInit, exitBesideTheWait, exitOutOfTheWait,
-                               exitBesideAHeldCall};
-    for (int round = 0; round < 20; ++round) {
-        REQUIRE(Child(lives[round % 5]).endsWell());
+    for (const auto life : {exitBesideAHeldCall, exitOutOfACall, exitBesideCalls, exitBesideCalls}) {
+        REQUIRE(Child(life).endsWell());
     }
 }
 
-// --- Fork and exec ---
+// --- Fork ---
 
-struct Deed
-{
-    const char* what;
-    void (*live)();
-};
-const Deed DEEDS[] = {
-    {"exit", [] {}},
-    {"Lodestone_Apply", [] { apply("child"); }},
-    {"Lodestone_Init(0)", [] { REQUIRE(Lodestone::Lodestone_Init(0, "") == 0); }},
+void (*const DEEDS[])() = {
+    [] {},
+    [] { apply("child"); },
+    [] { REQUIRE(Lodestone::Lodestone_Init(0, "") == 0); },
 #ifndef NO_THREADS_AFTER_FORK
-    {"a stream of the child's own",
-     [] {
-         StreamClient client(startTap("1,1,5"));
-         expectStreamGoesOn(client, "child");
-         REQUIRE(Child([] { apply("grandchild"); }).endsWell());
-         expectStreamGoesOn(client, "child again");
-     }},
+    [] { // a stream of the child's own
+        StreamClient client(startTap("1,1,5"));
+        expectStreamGoesOn(client, "child");
+        REQUIRE(Child([] { apply("grandchild"); }).endsWell());
+        expectStreamGoesOn(client, "child again");
+    },
 #endif
 };
 
@@ -197,9 +177,9 @@ void forks()
 {
     StreamClient client(startTap("1,1,5"));
     expectStreamGoesOn(client, "before");
-    for (const Deed& deed : DEEDS) {
-        REQUIRE(Child(deed.live).endsWell());
-        expectStreamGoesOn(client, deed.what);
+    for (const auto deed : DEEDS) {
+        REQUIRE(Child(deed).endsWell());
+        expectStreamGoesOn(client, "after");
     }
 
     int ends[2];
@@ -218,27 +198,11 @@ void forks()
     parser.parseString("0," + std::to_string(freePort()) + ",1,1,5:10,n");
     auto queue = std::make_unique<Lodestone::SondeBufferQueue>(parser.getConfig());
     REQUIRE(Child([&queue] { queue.reset(); }).endsWell());
-}
 
-void forksBesideACall()
-{
-    StreamClient client(startTap("1,1,5"));
-    expectStreamGoesOn(client, "before");
-    Hold inCall(SIGNAL, HOST); // holds two of the queue's mutexes
-    const Calls signals(SIGNAL, HOST);
-    std::thread frame([&] {
-        while (signals.sinceThen() == 0) {
-            apply("held");
-        }
-    });
-    REQUIRE(inCall.awaitHeld());
-    for (const Deed& deed : DEEDS) {
-        std::fprintf(stderr, "%s\n", deed.what);
-        REQUIRE(Child(deed.live).endsWell());
+    stallInTheWait();
+    for (const auto deed : DEEDS) {
+        REQUIRE(Child(deed).endsWell()); // its parent is in a call
     }
-    inCall.release();
-    frame.join();
-    expectStreamGoesOn(client, "after");
 }
 
 int inheritedSockets()
@@ -266,11 +230,10 @@ void exec()
 
 int main(int argc, char** argv)
 {
-    const Deed cases[] = {
-        {"ExitInApply", exitInApply}, {"Fork", forks}, {"ForkBesideACall", forksBesideACall}, {"Exec", exec}};
-    for (const Deed& c : cases) {
-        if (argc == 2 && std::strcmp(argv[1], c.what) == 0) {
-            c.live();
+    const std::pair<const char*, void (*)()> cases[] = {{"Exit", exits}, {"Fork", forks}, {"Exec", exec}};
+    for (const auto& [name, live] : cases) {
+        if (argc == 2 && std::strcmp(argv[1], name) == 0) {
+            live();
             return 0;
         }
     }

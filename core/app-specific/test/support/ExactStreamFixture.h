@@ -41,12 +41,14 @@ protected:
         const bool waits = m_plan.queueLength < 0;
         const std::uint64_t front = m_probe->frontCycle();
         const std::uint32_t skippedBefore = m_probe->numSkipped();
+        const bool emptyBefore = m_probe->storeEmpty();
         const Lodestone::PerPackageDiag* const diag = deliver(m_host->frame(), constant);
         ASSERT_EQ(diag == nullptr, delivery.buffers.empty());
         if (diag == nullptr) {
             return;
         }
         m_waits += diag->waitedForQueue;
+        EXPECT_TRUE(diag->waitedForQueue == 0 || !emptyBefore);
         delivery.constant = constant;
         delivery.hostTold = true;
         delivery.oldestFront = front - (waits || front == 0 ? 0 : 1);

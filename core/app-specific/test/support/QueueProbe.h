@@ -13,10 +13,8 @@ struct QueueProbe
     explicit QueueProbe(SondeBufferQueue& queue) : q(queue) {}
 
     bool senderRunning() const { return q.m_senderRunning; }
-    bool serverRunning() const { return q.m_serverThreadRunning; }
     bool connected() const { return q.m_connectedID != SondeBufferQueue::NO_CONNECTION; }
     std::int64_t connectedID() const { return q.m_connectedID; }
-    const void* jobMutex() const { return &q.m_jobMutex; }
     const void* jobCondition() const { return &q.m_jobCondition; }
     bool restartMarked() const { return q.m_restartMarked; }
     int state() const { return q.m_transmissionState; }

@@ -234,6 +234,9 @@ void ScenarioRun::check(Reader& reader, const WireCycle& cycle)
         return;
     }
     for (std::size_t k = 0; k + 2 < size; ++k) {
+        const int channel = cycle.entries[k].channelID;
+        EXPECT_EQ(std::count(reader.onceChannels.begin(), reader.onceChannels.end(), channel), 0)
+            << "once data among others";
         checkPart(reader, cycle.entries[k]);
     }
 }

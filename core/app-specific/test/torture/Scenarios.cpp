@@ -97,7 +97,7 @@ const std::vector<Scenario> ALL = {
          run.init("3,1,5:1,o:10,n:20,s");
          if (run.connect(1) && run.read(1, 10, 1, {{1, 10}})) {
              repeat(run, 3, {10, 20});
-             run.connect(2, ScenarioRun::ANYWHERE);
+             run.connect(2, ScenarioRun::AMID);
              repeat(run, 3, {1, 10, 20});
              run.readToEnd(1) && run.read(2, 20, 1, {{1, 10, 20}});
          }
