@@ -123,8 +123,8 @@ TEST(CycleGate, SlowClientIsServedAndOneThatStopsIsCutOff)
     EXPECT_TRUE(waitFor([&] { return underWay.load(); }));
     std::thread server([&gate] { const CycleGate::Replacement passage(gate); });
     EXPECT_TRUE(awaitLooks(2));
-    for (int step = 0; step < 10 && !cutOff;
-         ++step) { // less than the limit each, many times the limit in all
+    // Less than the limit each, many times the limit in all.
+    for (int step = 0; step < 10 && !cutOff; ++step) {
         g_time_ms += CycleGate::STALL_LIMIT_MS - 100;
         EXPECT_TRUE(awaitLooks(2));
         const auto before = socket.progress();

@@ -1,5 +1,6 @@
 #include "AllocationHook.h"
 #include "StreamFixture.h"
+#include "torture/StandIn.h"
 
 #include <atomic>
 #include <cerrno>
@@ -14,12 +15,7 @@ std::atomic<bool> g_mappingFails{false};
 
 } // namespace
 
-extern "C" void* __real_mmap(void* address, std::size_t length, int protection, int flags, int file,
-                             off_t offset);
-extern "C" int __real_munmap(void* address, std::size_t length);
-
-extern "C" void* __wrap_mmap(void* address, std::size_t length, int protection, int flags, int file,
-                             off_t offset)
+STAND_IN(void*, mmap, (void* address, std::size_t length, int protection, int flags, int file, off_t offset))
 {
     if (g_mappingFails.exchange(false)) {
         errno = ENOMEM;
@@ -29,7 +25,7 @@ extern "C" void* __wrap_mmap(void* address, std::size_t length, int protection, 
     return __real_mmap(address, length, protection, flags, file, offset);
 }
 
-extern "C" int __wrap_munmap(void* address, std::size_t length)
+STAND_IN(int, munmap, (void* address, std::size_t length))
 {
     g_mappedBytes -= static_cast<std::int64_t>(length);
     const int result = __real_munmap(address, length);

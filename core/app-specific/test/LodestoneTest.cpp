@@ -1,6 +1,5 @@
 #include "Lodestone.h"
 
-#include "TCPSocket.h"
 #include "support/AllocationHook.h"
 #include "support/HostFixture.h"
 
@@ -85,21 +84,6 @@ TEST_F(LodestoneTest, ErrorTextIsCopiedWholeOrNotAtAll)
     EXPECT_EQ('?', byte);
     EXPECT_EQ(1, CLodestone_GetLastErrorString(nullptr, 100));
     EXPECT_EQ(text, GetLastErrorString());
-}
-
-TEST_F(LodestoneTest, DisablingClosesThePortAndAPortInUseIsNoFailure)
-{
-    ASSERT_EQ(0, Lodestone_Init(-1, config("1,1,20:1,n")));
-    StreamClient client(m_port);
-    EXPECT_TRUE(deliverAndRead(client, {{1, "one"}}).complete);
-    EXPECT_EQ(0, CLodestone_Lodestone_Init(0, nullptr));
-    EXPECT_TRUE(client.waitForEnd());
-    EXPECT_EQ(0, Lodestone_Init(0, "not a configuration"));
-    deliver({{1, "one"}});
-
-    const TCPServerSocket holder(m_port); // the port is free again, and taken
-    EXPECT_EQ(0, Lodestone_Init(1, config("1,1,-1:1,n")));
-    deliver({{1, "one"}}); // without a wait for room
 }
 
 TEST_F(LodestoneTest, StoreOutlivesQueuesAndHoldsTheNewestBufferOfEachChannel)

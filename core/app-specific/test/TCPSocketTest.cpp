@@ -1,6 +1,7 @@
 #include "TCPSocket.h"
 
 #include "support/StreamClient.h"
+#include "torture/StandIn.h"
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -31,15 +32,13 @@ bool g_optionsFail = false;
 
 } // namespace
 
-extern "C" int __real_poll(pollfd* entries, nfds_t count, int timeout_ms);
-extern "C" int __wrap_poll(pollfd* entries, nfds_t count, int timeout_ms)
+STAND_IN(int, poll, (pollfd * entries, nfds_t count, int timeout_ms))
 {
     g_rests += count == 0 ? timeout_ms : 0;
     return __real_poll(entries, count, timeout_ms);
 }
 
-extern "C" int __real_setsockopt(int sock, int level, int name, const void* value, socklen_t length);
-extern "C" int __wrap_setsockopt(int sock, int level, int name, const void* value, socklen_t length)
+STAND_IN(int, setsockopt, (int sock, int level, int name, const void* value, socklen_t length))
 {
     return g_optionsFail ? -1 : __real_setsockopt(sock, level, name, value, length);
 }

@@ -19,7 +19,8 @@ protected:
 
     /// `tail` is what follows the port: "<split>,<intermittent>,<length>:<channel>,<type>:...".
     std::string config(const std::string& tail) const { return "0," + std::to_string(m_port) + "," + tail; }
-    void start(const std::string& tail) { ASSERT_EQ(0, Lodestone::Lodestone_Init(1, config(tail))); }
+    /// Any number but 0 enables.
+    void start(const std::string& tail) { ASSERT_EQ(0, Lodestone::Lodestone_Init(-1, config(tail))); }
 
     /// One call of the host, which must succeed.
     static void deliver(const Frame& frame, bool constantBuffers = false)

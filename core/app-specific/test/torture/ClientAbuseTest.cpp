@@ -2,6 +2,7 @@
 #include "AllocationHook.h"
 #include "ExactStreamFixture.h"
 #include "ProcessFigures.h"
+#include "StandIn.h"
 
 #include <pthread.h>
 #include <sys/socket.h>
@@ -20,14 +21,7 @@ const std::size_t PLACES = 640;
 
 } // namespace
 
-extern "C" {
-
-ssize_t __real_send(int sock, const void* data, size_t byteSize, int flags);
-int __real_usleep(useconds_t wait_us);
-int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
-int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* moment);
-
-ssize_t __wrap_send(int sock, const void* data, size_t byteSize, int flags)
+STAND_IN(ssize_t, send, (int sock, const void* data, size_t byteSize, int flags))
 {
     ++g_sends;
     const ssize_t taken = __real_send(sock, data, byteSize, flags);
@@ -35,25 +29,24 @@ ssize_t __wrap_send(int sock, const void* data, size_t byteSize, int flags)
     return taken;
 }
 
-int __wrap_usleep(useconds_t wait_us)
+STAND_IN(int, usleep, (useconds_t wait_us))
 {
     g_waits += t_inFrame ? 1 : 0;
     return __real_usleep(wait_us);
 }
 
-int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+STAND_IN(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex))
 {
     g_waits += t_inFrame ? 1 : 0;
     return __real_pthread_cond_wait(condition, mutex);
 }
 
-int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* moment)
+STAND_IN(int, pthread_cond_timedwait,
+         (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* moment))
 {
     g_waits += t_inFrame ? g_sends % 2 : 0;
     return __real_pthread_cond_timedwait(condition, mutex, moment);
 }
-
-} // extern "C"
 
 /// A host that goes on while its clients do what they like.
 class ClientAbuseTest : public ExactStreamFixture

@@ -1,5 +1,6 @@
 #include "AllocationHook.h"
 #include "Lodestone.h"
+#include "ProcessFigures.h"
 #include "Scenario.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <pthread.h>
 #include <set>
 #include <unistd.h>
@@ -62,11 +62,6 @@ void labelRun(const std::string& label)
     ::alarm(PATIENCE_S);
 }
 
-std::ptrdiff_t openDescriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
 void streamToACleanClient(ScenarioRun& run)
 {
     run.init("2,2,5:3,o:4,o:10,n:20,s");
@@ -91,7 +86,7 @@ protected:
                  "\", stalled " + std::string(plan.stalled) + " " + std::to_string(plan.stalledAt));
         const std::size_t blocks = AllocationScope::liveBlocks();
         const std::size_t bytes = AllocationScope::liveBytes();
-        const std::ptrdiff_t descriptors = openDescriptors();
+        const std::size_t descriptors = ProcessFigures::now().descriptors;
         FaultCalls::arm(fault);
         Schedule::begin(plan);
         live(GetParam().run);
@@ -105,7 +100,7 @@ protected:
             EXPECT_EQ(AllocationScope::liveBlocks(), blocks);
             EXPECT_NEAR(static_cast<double>(AllocationScope::liveBytes()), static_cast<double>(bytes),
                         static_cast<double>(blocks * AllocationScope::ROUNDING));
-            EXPECT_EQ(openDescriptors(), descriptors);
+            EXPECT_EQ(ProcessFigures::now().descriptors, descriptors);
         }
         EXPECT_FALSE(HasFailure()) << g_label;
         return outcome;
