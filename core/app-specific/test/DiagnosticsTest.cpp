@@ -1,4 +1,5 @@
 #include "HostFixture.h"
+#include "LodestoneDiag.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,28 +8,16 @@
 namespace
 {
 
-/// One package of a cycle's record, read at its offsets on the wire.
-struct Package
+/// One package of a cycle's record. Its layout is held by the library's own assertions.
+Lodestone::PerPackageDiag package(const WireCycle& cycle, std::size_t slot)
 {
-    Package(const WireCycle& cycle, std::size_t slot)
-    {
-        const auto read = [&](std::size_t offset, auto& value) {
-            const std::uint64_t bits = cycle.diag(8 + 40 * slot + offset, sizeof value);
-            std::memcpy(&value, &bits, sizeof value);
-        };
-        read(0, queuePtr);
-        read(4, firstChannelID);
-        read(16, runtime);
-        read(20, maxRuntime);
-        read(24, cumRuntime);
-        read(32, numCalls);
-        read(36, avgRuntime);
+    Lodestone::LodestoneDiag record = {};
+    const WireEntry* const entry = cycle.find(10998);
+    if (entry != nullptr && entry->payload.size() == sizeof record) {
+        std::memcpy(&record, entry->payload.data(), sizeof record);
     }
-
-    std::uint32_t queuePtr, firstChannelID, numCalls;
-    float runtime, maxRuntime, avgRuntime;
-    double cumRuntime;
-};
+    return record.diags[slot];
+}
 
 } // namespace
 
@@ -71,32 +60,34 @@ TEST_F(DiagnosticsTest, RecordShowsThePackagesUpToTheFrameBeforeAndConstantBuffe
         cycleOf(client, frame),
     };
     const std::chrono::duration<double, std::milli> passed = std::chrono::system_clock::now() - start;
-    const std::uint32_t constantCalls[] = {
-        3, 4, 6, 7}; // the first call was for the package twice, and the mark's once
+    // The first call was for the package twice, and the mark's once.
+    const std::uint32_t constantCalls[] = {3, 4, 6, 7};
     const std::uint32_t frameCalls[] = {0, 1, 1, 2};
     for (std::size_t k = 0; k < 4; ++k) {
-        const Package constant(cycles[k], 0);
-        const Package frames(cycles[k], 1);
-        EXPECT_EQ(constant.firstChannelID, 1U);
-        EXPECT_EQ(constant.numCalls, calls + constantCalls[k]) << k;
-        EXPECT_EQ(frames.firstChannelID, 10U);
-        EXPECT_EQ(frames.numCalls, calls + frameCalls[k]) << k;
-        EXPECT_EQ(frames.queuePtr, constant.queuePtr);
+        const Lodestone::PerPackageDiag constant = package(cycles[k], 0);
+        const Lodestone::PerPackageDiag frames = package(cycles[k], 1);
+        EXPECT_EQ(constant.firstChannelID, 1);
+        EXPECT_EQ(constant.profiling.numCalls, calls + constantCalls[k]) << k;
+        EXPECT_EQ(frames.firstChannelID, 10);
+        EXPECT_EQ(frames.profiling.numCalls, calls + frameCalls[k]) << k;
+        EXPECT_EQ(frames.queue_ptr, constant.queue_ptr);
         // A wider machine shows the lower half of an address, which may be 0.
-        EXPECT_TRUE(frames.queuePtr != 0 || sizeof(void*) > sizeof frames.queuePtr);
-        EXPECT_TRUE(k % 2 == 0 || frames.runtime == constant.runtime) << k;
+        EXPECT_TRUE(frames.queue_ptr != 0 || sizeof(void*) > sizeof frames.queue_ptr);
+        EXPECT_TRUE(k % 2 == 0 || frames.profiling.runtimeMsecs == constant.profiling.runtimeMsecs) << k;
     }
-    const Package before(cycles[2], 0);
-    const Package after(cycles[3], 0);
-    EXPECT_EQ(after.cumRuntime, before.cumRuntime + static_cast<double>(after.runtime));
-    EXPECT_EQ(after.maxRuntime, std::max(before.maxRuntime, after.runtime));
-    EXPECT_EQ(after.avgRuntime, static_cast<float>(after.cumRuntime / after.numCalls));
-    EXPECT_LE(Package(cycles[3], 1).cumRuntime - Package(cycles[0], 1).cumRuntime, passed.count())
+    const ALProfilingItem before = package(cycles[2], 0).profiling;
+    const ALProfilingItem after = package(cycles[3], 0).profiling;
+    EXPECT_EQ(after.cumRuntimeMsecs, before.cumRuntimeMsecs + static_cast<double>(after.runtimeMsecs));
+    EXPECT_EQ(after.maxRuntimeMsecs, std::max(before.maxRuntimeMsecs, after.runtimeMsecs));
+    EXPECT_EQ(after.avgRuntimeMsecs, static_cast<float>(after.cumRuntimeMsecs / after.numCalls));
+    EXPECT_LE(package(cycles[3], 1).profiling.cumRuntimeMsecs -
+                  package(cycles[0], 1).profiling.cumRuntimeMsecs,
+              passed.count())
         << "milliseconds";
     deliver(frame);
     const WireCycle first = client.readCycle();
     const WireCycle second = client.readCycle();
     EXPECT_EQ(first.channels(), std::vector<std::int32_t>{1}) << "constant buffers come first";
     EXPECT_EQ(second.channels(), std::vector<std::int32_t>{10});
-    EXPECT_EQ(Package(first, 0).numCalls, Package(second, 0).numCalls) << "of one call";
+    EXPECT_EQ(package(first, 0).profiling.numCalls, package(second, 0).profiling.numCalls) << "of one call";
 }

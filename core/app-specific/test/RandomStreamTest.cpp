@@ -32,8 +32,8 @@ protected:
         if (dice(2) == 0) {
             loseClient();
         }
-        transfer(BUFFERS / SCHEDULES /
-                 2); // else the next client comes before anybody has seen the last one go
+        // Else the next client comes before anybody has seen the last one go.
+        transfer(BUFFERS / SCHEDULES / 2);
     }
 
     void transfer(int buffers)
