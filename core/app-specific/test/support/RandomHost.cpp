@@ -4,7 +4,7 @@
 
 const OfferedDelivery& RandomHost::someChannels(bool twice)
 {
-    std::vector<int> channels = {10001}; // no plan has it
+    std::vector<int> channels = {10001, -1}; // no plan has them
     for (const auto& channel : m_plan.channels) {
         channels.push_back(channel.first);
     }
