@@ -267,9 +267,13 @@ void StreamOracle::checkRoom(const OfferedDelivery& delivery)
         const bool whole = m_plan.kindOf(buffer.channelID) == 'n';
         const bool waits = whole && m_plan.queueLength < 0 && !delivery.constant;
         const int limit = whole && !delivery.constant ? std::abs(m_plan.queueLength) : 1;
+        // The sender counts a cycle's whole buffers as sent a moment after it has taken it (positive length)
+        // or a moment before it gives it up (negative).
+        const std::uint64_t early = whole && m_plan.queueLength < 0 ? 1 : 0;
+        const std::uint64_t late = whole && m_plan.queueLength > 0 && delivery.oldestFront != 0 ? 1 : 0;
         std::set<std::uint64_t>& held = m_heldUpTo[buffer.channelID];
-        held.erase(held.begin(), held.upper_bound(delivery.oldestFront));
-        const auto fewest = std::distance(held.upper_bound(delivery.newestFront), held.end());
+        held.erase(held.begin(), held.upper_bound(delivery.oldestFront - late));
+        const auto fewest = std::distance(held.upper_bound(delivery.newestFront + early), held.end());
         const bool mayHaveRoom = fewest < limit || buffer.channelID == 0;
         const bool mayBeFull = static_cast<int>(held.size()) >= limit && !waits && buffer.channelID != 0;
         expect(mayHaveRoom || buffer.fate != OfferedBuffer::QUEUED, "beyond its limit was queued channel",
