@@ -104,6 +104,7 @@ TEST(WatchProgram, EachEndIsToldApart)
         EXPECT_EQ(program.run(item.end == STOPS_US ? stop : -1), item.code);
         EXPECT_EQ(errors.str(), item.error.empty() ? "" : "lodestone-tap: " + item.error + "\n");
         EXPECT_NE(out.str().find(item.shown), std::string::npos) << out.str();
+        EXPECT_TRUE(item.end != STOPS_US || out.str().empty()) << "nobody asks for a picture";
         EXPECT_EQ(out.str().find("localhost:"), out.str().rfind("localhost:")) << "more than one picture";
         close(client);
     }

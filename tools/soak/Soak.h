@@ -45,6 +45,7 @@ private:
     void abuse();
     bool framesUntil(const std::function<bool()>& done);
     void stall();
+    void visit(int way, std::size_t byteSize, const char* fault);
     void uncheckedFrame();
     void apply(int constantBuffers);
     void tick();

@@ -67,7 +67,8 @@ bool SoakReport::memoryIsFlat() const
 
 bool SoakReport::allIsWell() const
 {
-    return m_faults == 0 && exact.cycles != 0 && exact.closed() && restIsEqual() && memoryIsFlat();
+    return m_faults == 0 && exact.cycles != 0 && exact.closed() && exact.arrived == exact.delivered &&
+           restIsEqual() && memoryIsFlat();
 }
 
 std::string SoakReport::progress(double seconds) const
@@ -103,7 +104,8 @@ std::string SoakReport::table(double seconds, unsigned seed) const
     row("Of the buffers, in checked transfers", exact.offered, "the sum of the next row",
         verdict(exact.closed()));
     row("Delivered, skipped, not due, dropped at takeovers",
-        list({exact.delivered, exact.skipped, exact.notDue, exact.dropped}), "", "");
+        list({exact.delivered, exact.skipped, exact.notDue, exact.dropped}), "all delivered have arrived",
+        verdict(exact.arrived == exact.delivered));
     row("Cycles checked", exact.cycles, "some", verdict(exact.cycles != 0));
     row("Faults in them, and of the host's calls", m_faults, 0, verdict(m_faults == 0));
     row("Transfers, takeovers, abusive connections", list({transfers, takeovers, abusers}), "", "");

@@ -24,8 +24,9 @@ struct StoredBuffer
 {
     static constexpr std::uint32_t UNCOUNTED = 0xFFFFFFFFU;
 
-    const std::uint8_t* payload = nullptr; ///< Its bytes, in a block of the delivery. Null if there are none.
-    std::int32_t byteSize = 0;             ///< As in SondeBuffer: a negative size has no bytes.
+    /// Its bytes: the host's until they are copied, then in a block of the delivery. Null if there are none.
+    const std::uint8_t* payload = nullptr;
+    std::int32_t byteSize = 0; ///< As in SondeBuffer: a negative size has no bytes.
     std::int32_t channelID = 0;
     std::int32_t noParts = 1; ///< 1: sent whole, in the delivery's first cycle only.
     /// Whose count goes up when this buffer's cycle leaves the queue: its channel's index, or UNCOUNTED.
@@ -80,7 +81,9 @@ struct Delivery
 
 typedef std::list<Delivery> DeliveryList;
 
-/// The cycle that the sender has in hand.
+/// The cycle that the sender has in hand. From take to finish the sender reads its deliveries, and takes
+/// whole buffers out of the newest one, without the lock: meanwhile the list doesn't remove them, and append
+/// only touches the links behind the last one.
 struct CycleJob
 {
     bool taken = false;       ///< False if there was no cycle to take.

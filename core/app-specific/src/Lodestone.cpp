@@ -11,6 +11,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <pthread.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -44,17 +45,24 @@ std::unique_ptr<AlgoMeasBuffer[]> g_constantBuffers;
 /// A host should not end while it is in a call, but some do: one thread returns from main while another one
 /// delivers a frame. Then the exit handlers wait for the call under way, and calls that come later find that
 /// nothing is there.
+///
+/// A request to cancel the host's thread waits for the end of the call, as every exception does.
 class EntryGuard
 {
 public:
     EntryGuard()
     {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_cancelState);
         s_thread.store(pthread_self(), std::memory_order_relaxed);
         // Sequentially consistent, as the handlers' store and load: one of the two sees the other.
         s_underWay.store(mark());
         m_entered = !ProcessLife::exiting();
     }
-    ~EntryGuard() { s_underWay.store(0); }
+    ~EntryGuard()
+    {
+        s_underWay.store(0);
+        pthread_setcancelstate(m_cancelState, nullptr);
+    }
 
     EntryGuard(const EntryGuard&) = delete;
     EntryGuard& operator=(const EntryGuard&) = delete;
@@ -81,6 +89,7 @@ private:
     static std::atomic<pthread_t> s_thread;
     static std::atomic<std::uint64_t> s_underWay; // 0, or the mark of the process whose thread is in a call
 
+    int m_cancelState = PTHREAD_CANCEL_ENABLE; // of the calling thread, before the call
     bool m_entered;
 };
 
@@ -97,21 +106,37 @@ void destroyQueue()
     g_Queue.reset();
 }
 
-// What a call was in the middle of changing: leaves it alone for good. Moving takes the roots over and walks
-// nothing.
+// Moving takes the roots over and walks nothing. Nobody destroys what they are moved to, and nothing is
+// allocated: the call may have been inside the allocator.
+template<typename T>
+void abandon(T& object)
+{
+    alignas(T) static unsigned char place[sizeof(T)];
+    static_cast<void>(new (place) T(std::move(object)));
+}
+
+// What a call was in the middle of changing: leaves it alone for good.
 void abandonState()
 {
     static_cast<void>(g_Queue.release());
     static_cast<void>(g_constantBuffers.release());
-    static_cast<void>(new BufferMap(std::move(g_constantBufferMap)));
-    static_cast<void>(new ConfigStringParser(std::move(g_ConfigParser)));
+    abandon(g_constantBufferMap);
+    abandon(g_ConfigParser);
+    abandon(g_lastError);
 }
 
 /// Destroyed before everything else of the library, so this is how the exit handlers begin.
 class ExitGuard
 {
 public:
-    ExitGuard() { ProcessLife::watchForks(); }
+    ExitGuard()
+    {
+        ProcessLife::watchForks();
+        // Older C libraries take the loader's lock when a thread is the first to come to the exceptions of a
+        // C++ library that was loaded later: now, for a thread that throws while dlclose joins it can't have
+        // that lock.
+        static_cast<void>(std::uncaught_exceptions());
+    }
     ~ExitGuard()
     {
         ProcessLife::announceExit();

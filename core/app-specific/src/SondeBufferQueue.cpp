@@ -72,8 +72,7 @@ SondeBufferQueue::~SondeBufferQueue()
     reapSender();
     m_serverThreadRunning = false;
     pthread_join(m_ServerThread, nullptr);
-    // From here on this thread is alone. The connection goes with the members, after the sender that wrote to
-    // it.
+    // From here on this thread is alone. The connection goes with the members, after its sender.
     clearJobList();
     clearBufferList();
 }
@@ -143,6 +142,9 @@ PerPackageDiag* SondeBufferQueue::addBuffers(AlgoMeasBuffer* measBuffer, std::ui
     const std::int32_t maxAppearance = constantBuffer ? 1 : std::abs(m_config.queueLength);
     if (!constantBuffer && m_config.queueLength < 0) {
         waitForRoom(measBuffer, measBuffersArraySize, maxAppearance, *diag);
+        if (!threadsAreHere()) {
+            return diag; // a signal handler has forked in the wait, and this is the child
+        }
     }
 
     MutexLocker lock(m_addBufferMutex);
@@ -229,6 +231,9 @@ void SondeBufferQueue::waitForRoom(const AlgoMeasBuffer* measBuffer, std::uint32
                 diag.waitedForQueue = 1;
                 usleep(ROOM_WAIT_US);
             }
+        }
+        if (!threadsAreHere()) {
+            return;
         }
         MutexLocker lock(m_addBufferMutex);
         if (connectionLost()) {
@@ -324,7 +329,9 @@ void SondeBufferQueue::queueNormalData(const AlgoMeasBuffer* measBuffer, std::ui
 bool SondeBufferQueue::chooseBuffers(const AlgoMeasBuffer* measBuffer, std::uint32_t measBuffersArraySize,
                                      std::int32_t maxAppearance, Delivery& delivery)
 {
-    ++m_deliveryCounter;
+    if (++m_deliveryCounter == 0) {
+        ++m_deliveryCounter; // it has wrapped; 0 stands for channels that were never queued
+    }
     m_newSplit.clear();
     bool skippedChannel = false;
     for (std::uint32_t idx = 0; idx < measBuffersArraySize; ++idx) {
@@ -378,8 +385,7 @@ void SondeBufferQueue::addToBufferList(Delivery& delivery, const AlgoMeasBuffer&
                                        std::int32_t noParts)
 {
     StoredBuffer buffer;
-    // Still the host's bytes; copyPayloads replaces the pointer when it knows how much memory all of them
-    // take.
+    // copyPayloads replaces the pointer when it knows how much memory all of them take.
     buffer.payload = static_cast<const std::uint8_t*>(measBuffer.buffer);
     buffer.byteSize = storedSize(measBuffer);
     buffer.channelID = measBuffer.channelID;
@@ -555,7 +561,8 @@ void SondeBufferQueue::getNextJob(CycleJob& job)
             return;
         }
         // With a negative length the cycle counts as queued while it is sent, which keeps the host in step
-        // with the wire; and normal data must not begin before the ONCE cycle is through.
+        // with the wire (so its buffers are counted as sent in jobDone); and normal data must not begin
+        // before the ONCE cycle is through.
         m_JobList.take(m_config.queueLength < 0 || m_transmissionState == TRANSFER_ONCE_DATA, job);
         publishFront();
     }
@@ -793,7 +800,7 @@ AcceptResult SondeBufferQueue::replaceConnection(TCPServerSocket& serverSocket, 
     }
     LODESTONE_TEST_POINT(old_client_judged);
     if (result == AcceptResult::FAILED && m_sondeSocket) {
-        m_sondeSocket.reset(); // its descriptor may be the one that is missing
+        m_sondeSocket.reset(); // its descriptor may be the one that is missing; the gate keeps the sender off
         result = serverSocket.accept(*connection);
     }
     // Straight from the old id to the new one: a frame in between must not see "no client" and end the

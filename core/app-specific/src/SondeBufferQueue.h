@@ -25,17 +25,14 @@ namespace Lodestone
 ///
 /// Three threads meet here.
 ///
-///   Host    enters by addBuffers, once or twice a frame. Decides about every buffer, copies what is wanted,
-///   queues
-///           it in m_JobList and wakes the sender. Starts and stops the sender. With a positive queue length
-///           it waits for nobody, but for the end of a sender that it stops.
+///   Host    enters by addBuffers, once or twice a frame. Decides about every buffer, copies what is
+///           wanted, queues it in m_JobList and wakes the sender. Starts and stops the sender. With a
+///           positive queue length it waits for nobody, but for the end of a sender that it stops.
 ///   Sender  runs while there is a client: takes the front cycle (getNextJob), writes it (transmitCycle),
-///   gives its
-///           memory back (jobDone). The only one to write to the socket; may block there. Woken by
+///           gives its memory back (jobDone). The only one to write to the socket; may block there. Woken by
 ///           m_jobCondition.
-///   Server  accepts clients for the whole life of the queue and replaces the socket between two cycles. Does
-///   nothing
-///           else; the host finds out at its next frame.
+///   Server  accepts clients for the whole life of the queue and replaces the socket between two cycles.
+///           Does nothing else; the host finds out at its next frame.
 ///
 /// The life of a payload. addBuffers copies it once, into a Delivery that it builds in a local list. Queueing
 /// moves the Delivery into m_JobList, which owns it until its last cycle is finished, also while the sender
@@ -46,17 +43,14 @@ namespace Lodestone
 ///
 /// Locks, in the order in which they may be nested:
 ///
-///   m_addBufferMutex  The cycle-building section of addBuffers. Host only. The host may join the sender
-///   under it,
-///                     since the sender never takes it.
-///   m_socketMutex     m_sondeSocket. The sender holds it for a whole cycle, jobDone included, the server for
-///   a
-///                     replacement; m_gate, in front of it, makes sure that neither starves nor waits without
-///                     bound. Nobody joins the sender under it.
-///   m_jobMutex        m_JobList, and the sleep on m_jobCondition. Inside either of the two above. Held for a
-///   constant
-///                     time; never during a send or a copy of a payload.
-///   m_bufferListMutex m_bufferList. As m_jobMutex, and never together with it.
+///   m_addBufferMutex   The cycle-building section of addBuffers. Host only. The host may join the sender
+///                      under it, since the sender never takes it.
+///   m_socketMutex      m_sondeSocket. The sender holds it for a whole cycle, jobDone included, the server
+///                      for a replacement; m_gate, in front of it, makes sure that neither starves nor waits
+///                      without bound. Nobody joins the sender under it.
+///   m_jobMutex         m_JobList, and the sleep on m_jobCondition. Inside either of the two above. Held for
+///                      a constant time; never during a send or a copy of a payload.
+///   m_bufferListMutex  m_bufferList. As m_jobMutex, and never together with it.
 ///
 /// m_addBufferMutex and m_socketMutex are never held by one thread at once.
 class SondeBufferQueue
@@ -188,15 +182,13 @@ private:
     /// A byte of the cycle in transmission has gone out.
     bool m_cycleBegun LODESTONE_GUARDED_BY(m_socketMutex) = false;
 
-    // --- Atomic: one thread asks while another one changes them, and no decision needs two of them at once
-    // ---
+    // --- Atomic: one thread asks while another one changes them; no decision needs two of them at once ---
 
     /// The id of the socket in m_sondeSocket, or NO_CONNECTION. Changes under m_socketMutex; read without it
     /// by the host and by the sender before it takes the mutex.
     std::atomic<std::int64_t> m_connectedID{NO_CONNECTION};
-    /// What is queued belongs to a client that is gone: the host's next frame resets, and until then nothing
-    /// is sent. Set before the connection that was lost is taken away or replaced, cleared by the reset
-    /// alone.
+    /// What is queued belongs to a client that is gone: the host's next frame resets, until then nothing is
+    /// sent. Set before the connection that was lost is taken away or replaced, cleared by the reset alone.
     std::atomic<bool> m_restartMarked{false};
     /// The sender is wanted. The host clears it under m_jobMutex, or the sender could go to sleep on a stop.
     std::atomic<bool> m_senderRunning{false};
@@ -209,8 +201,8 @@ private:
     // --- Host thread only ---
 
     ChannelTable m_channels; ///< But for the sender's counts in it.
-    std::vector<Channel*>
-        m_newSplit; ///< Split channels that the delivery in progress queues. Room for all of them.
+    /// Split channels that the delivery in progress queues. Room for all of them.
+    std::vector<Channel*> m_newSplit;
     BufferStore m_store;
     bool m_clean = true;     ///< Nothing was queued and no counter has moved since the last reset.
     BufferMap m_onceBuffers; ///< The newest copy of each once channel seen in this transfer.

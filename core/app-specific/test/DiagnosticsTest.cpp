@@ -84,6 +84,11 @@ TEST_F(DiagnosticsTest, RecordShowsThePackagesUpToTheFrameBeforeAndConstantBuffe
                   package(cycles[0], 1).profiling.cumRuntimeMsecs,
               passed.count())
         << "milliseconds";
+    const Frame much = {{11, std::string(1 << 24, 'm')}}; // its copy is nearly all that the call does
+    const auto begin = std::chrono::system_clock::now();
+    deliver(much);
+    const std::chrono::duration<double, std::milli> took = std::chrono::system_clock::now() - begin;
+    EXPECT_GE(package(cycleOf(client, frame), 2).profiling.maxRuntimeMsecs * 10, took.count());
     deliver(frame);
     const WireCycle first = client.readCycle();
     const WireCycle second = client.readCycle();

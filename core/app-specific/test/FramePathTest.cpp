@@ -158,6 +158,27 @@ TEST_F(FramePathTest, BurstIsGivenBackWhileTheStreamGoesOn)
     EXPECT_EQ(g_mappedBytes, 0);
 }
 
+TEST_F(FramePathTest, MemoryOfAnIntermittentChannelOutlivesItsPause)
+{
+    openQueue("1,6000,9:1,i");
+    m_probe->playSender();
+    const Frame frame = {{1, std::string(100000, 'x')}};
+    std::vector<AlgoMeasBuffer> array = arrayOf(frame);
+    const auto heapCalls = [&] {
+        const AllocationScope scope;
+        for (int k = 0; k < 12000; ++k) {
+            call(array, false);
+            if (m_probe->queued() != 0) {
+                m_probe->sendPlayed();
+            }
+        }
+        return scope.count();
+    };
+    heapCalls();
+    EXPECT_EQ(heapCalls(), 0U);
+    m_probe->resetPlayed();
+}
+
 TEST(PayloadBlockStack, SpliceKeepsAllOfAStackThatWasEmptyBefore)
 {
     Lodestone::PayloadBlockStack stack;

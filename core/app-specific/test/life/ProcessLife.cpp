@@ -1,4 +1,5 @@
-// Hosts that end, fork or start other programs while the library is at work. Argument: the case.
+// Hosts that end, fork, start other programs or lose a thread while the library is at work. Argument: the
+// case.
 
 #include "Child.h"
 
@@ -33,12 +34,15 @@ enum class InCall
 {
     WAITS,
     STAYS_FOR_THE_END, ///< Until the exit handlers wait for it.
-    EXITS              ///< As a signal handler might.
+    EXITS,             ///< As a signal handler might.
+    FORKS              ///< The same.
 };
 std::atomic<InCall> g_inCall{InCall::WAITS};
 std::atomic<int> g_rests{0};      // there
 std::atomic<int> g_otherRests{0}; // of the exit handlers
 std::atomic<bool> g_callHeld{false};
+std::atomic<pid_t> g_forked{-1};
+StreamClient* g_staller = nullptr; // it and the host's thread outlive the exit handlers
 thread_local bool t_frameThread = false;
 
 // Registered before anything of the library's, so it runs behind the library's own exit handlers.
@@ -59,6 +63,9 @@ STAND_IN(int, usleep, (useconds_t time_us))
         g_callHeld = false;
     } else if (deed == InCall::EXITS) {
         std::exit(0);
+    } else if (deed == InCall::FORKS) {
+        g_forked = ::fork();
+        ::alarm(g_forked == 0 ? 60 : 0);
     }
     return __real_usleep(time_us);
 }
@@ -96,27 +103,30 @@ void expectStreamGoesOn(StreamClient& client, const std::string& text)
     }));
 }
 
-/// A thread of the host's that never stops calling. It must not look at anything that the exit handlers
-/// destroy.
+/// A thread of the host's that never stops calling, unless it is cancelled or in a child. It must not look at
+/// anything that the exit handlers destroy.
 template<typename Call>
-void keepCalling(Call call)
+std::thread& keepCalling(Call call)
 {
-    std::thread([call] {
+    return *new std::thread([call] {
         t_frameThread = true;
-        for (;;) {
+        while (g_forked != 0) {
             call();
+            ::pthread_testcancel();
         }
-    }).detach();
+        std::exit(0);
+    });
 }
 
 /// A host that waits for room which a client doesn't give.
-void stallInTheWait()
+std::thread& stallInTheWait()
 {
-    static const std::string& tooMuch = *new std::string(20000000, 'b'); // outlives the exit handlers
-    static const StreamClient& client = *new StreamClient(startTap("1,1,-1"), 16384);
-    REQUIRE(client.connected());
-    keepCalling([] { apply(tooMuch); });
+    static const std::string& tooMuch = *new std::string(20000000, 'b');
+    g_staller = new StreamClient(startTap("1,1,-1"), 16384);
+    REQUIRE(g_staller->connected());
+    std::thread& host = keepCalling([] { apply(tooMuch); });
     REQUIRE(waitFor([] { return g_rests >= 3; }));
+    return host;
 }
 
 // --- Exit while another thread is in a call ---
@@ -203,6 +213,22 @@ void forks()
     for (const auto deed : DEEDS) {
         REQUIRE(Child(deed).endsWell()); // its parent is in a call
     }
+    g_inCall = InCall::FORKS;
+    REQUIRE(waitFor([] { return g_forked > 0; }));
+    int status = -1;
+    REQUIRE(::waitpid(g_forked, &status, 0) == g_forked && status == 0);
+}
+
+// A thread that is cancelled comes out of its call first.
+void cancel()
+{
+    std::thread& host = stallInTheWait();
+    REQUIRE(::pthread_cancel(host.native_handle()) == 0);
+    REQUIRE(waitFor([rests = g_rests.load()] { return g_rests > rests + 3; }));
+    g_staller->vanish();
+    host.join();
+    StreamClient client(startTap("1,1,5"));
+    expectStreamGoesOn(client, "after");
 }
 
 int inheritedSockets()
@@ -230,7 +256,8 @@ void exec()
 
 int main(int argc, char** argv)
 {
-    const std::pair<const char*, void (*)()> cases[] = {{"Exit", exits}, {"Fork", forks}, {"Exec", exec}};
+    const std::pair<const char*, void (*)()> cases[] = {
+        {"Exit", exits}, {"Fork", forks}, {"Exec", exec}, {"Cancel", cancel}};
     for (const auto& [name, live] : cases) {
         if (argc == 2 && std::strcmp(argv[1], name) == 0) {
             live();

@@ -24,6 +24,7 @@ public:
 
     /// Does what can be done now. True when it has left, or has found its connection ended.
     bool step();
+    bool begun() const { return m_begun; } ///< It was connected.
     std::size_t bytesRead() const { return m_bytesRead; }
 
 private:

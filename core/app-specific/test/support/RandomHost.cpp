@@ -1,6 +1,7 @@
 #include "RandomHost.h"
 
 #include <algorithm>
+#include <utility>
 
 const OfferedDelivery& RandomHost::someChannels(bool twice)
 {
@@ -14,6 +15,9 @@ const OfferedDelivery& RandomHost::someChannels(bool twice)
     }
     const auto leftOut = [this, sides = 1 + dice(4)](int) { return dice(sides) != 0; };
     channels.erase(std::remove_if(channels.begin(), channels.end(), leftOut), channels.end());
+    if (channels.size() > 1 && channels[0] == 0) {
+        std::swap(channels[0], channels[1]); // the record of a package 0 looks like that of none
+    }
     return make(channels);
 }
 

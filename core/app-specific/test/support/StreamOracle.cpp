@@ -104,12 +104,14 @@ void StreamOracle::checkNormal(const WireCycle& cycle)
     m_entries.clear();
     m_nextEntry = PAIR;
     for (auto entry = cycle.entries.rbegin(); entry != cycle.entries.rend(); ++entry) {
+        m_counts.arrived += entry->partNumber + 1 == entry->numberOfParts ? 1 : 0;
         m_entries.push_back(&*entry);
     }
     if (m_entries.size() <= PAIR || !isPair(*m_entries[1], *m_entries[0])) {
         expect(false, "no entries, or no diagnostics pair at the end");
         return;
     }
+    m_counts.arrived -= PAIR;
     if (!m_started) {
         beginTransfer(numberIn(m_entries[PAIR]->payload));
     }

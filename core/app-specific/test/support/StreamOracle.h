@@ -64,13 +64,17 @@ public:
     {
         std::uint64_t offered = 0; ///< All but once data.
         std::uint64_t notDue = 0;
-        std::uint64_t delivered = 0;
+        std::uint64_t delivered = 0; ///< Must come.
+        std::uint64_t arrived = 0;   ///< Last parts that came: all of them, but for what takeovers lose.
         std::uint64_t skipped = 0;
         std::uint64_t dropped = 0; ///< At takeovers.
         std::uint64_t cycles = 0;
 
         std::string text() const;
-        bool closed() const { return offered == delivered + skipped + notDue + dropped; }
+        bool closed() const
+        {
+            return offered == delivered + skipped + notDue + dropped && arrived <= delivered;
+        }
     };
 
     /// `firstNumber`: once data are not older than that delivery. With `fromFirstOffer` the first delivery

@@ -29,6 +29,12 @@ STAND_IN(ssize_t, send, (int sock, const void* data, size_t byteSize, int flags)
     return taken;
 }
 
+// Else the kernel would keep most of ten clients waiting for a second.
+STAND_IN(int, listen, (int sock, int backlog))
+{
+    return __real_listen(sock, backlog + 16);
+}
+
 STAND_IN(int, usleep, (useconds_t wait_us))
 {
     g_waits += t_inFrame ? 1 : 0;
@@ -94,11 +100,18 @@ protected:
         for (int k = 0; k < 10; ++k) {
             clients.emplace_back(m_port, k % AbusiveClient::NO_WAYS, leaveAt);
         }
-        for (int k = 0; k < 100; ++k) { // those who haven't been served by then go all the same
-            frame();
+        const auto allHaveBegun = [&] {
+            std::ptrdiff_t begun = 0;
             for (AbusiveClient& client : clients) {
                 client.step();
+                begun += client.begun() ? 1 : 0;
             }
+            return begun == 10;
+        };
+        framesUntil(allHaveBegun);
+        for (int k = 0; k < 100; ++k) { // those who haven't been served by then go all the same
+            frame();
+            allHaveBegun();
         }
     }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <new>
+#include <set>
 #include <sys/mman.h>
 #include <sys/socket.h>
 
@@ -143,6 +144,12 @@ bool happened()
 bool isOver()
 {
     return !shared().fault.everAfter;
+}
+
+bool heals()
+{
+    static const std::set<std::string> calls = {"accept4", "clock_gettime", "poll", "select", "send"};
+    return hits() != 0 && calls.count(shared().fault.kind->call) != 0;
 }
 
 } // namespace FaultCalls

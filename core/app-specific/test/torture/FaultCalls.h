@@ -70,6 +70,8 @@ int hits();
 bool happened();
 /// And nothing more will. Then a frame that failed for it is all that is missing.
 bool isOver();
+/// It costs no more than a connection: when it is over, the same queue streams again.
+bool heals();
 
 } // namespace FaultCalls
 

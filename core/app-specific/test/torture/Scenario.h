@@ -49,10 +49,16 @@ public:
     /// The next frame. If there are several once channels, it must bring the first two together or none.
     bool apply(const std::vector<int>& channels, bool constantBuffers = false);
     /// Other functions from now on.
-    void use(HostApi api) { m_api = api; }
+    void use(HostApi api)
+    {
+        m_api = api;
+        m_streams = false;
+    }
     /// A child process lives `life` and ends by its exit handlers. The host's thread counts as in the library
     /// from then on.
     void inChild(void (*life)(ScenarioRun&));
+    /// If there still is a stream, a new client gets some of it.
+    void streamAgain();
     /// Closes the clients and disables the library. Comes last.
     void end();
     /// Something else that leads into the library.
@@ -101,6 +107,7 @@ private:
 
     const int m_port;
     HostApi m_api;
+    bool m_streams = false;
     bool m_aFrameFailed = false;
     int m_splitCount = 1;
     int m_intermittentCount = 1;

@@ -51,6 +51,16 @@ ScenarioRun::ScenarioRun(int port) : m_port(port) {}
 
 ScenarioRun::~ScenarioRun() = default;
 
+void ScenarioRun::streamAgain()
+{
+    if (m_streams) {
+        m_clients.clear();
+        std::vector<int> frame = m_onceChannels;
+        frame.push_back(10);
+        connect(0, ANYWHERE) && read(0, 10, 1, {frame});
+    }
+}
+
 void ScenarioRun::end()
 {
     m_clients.clear();
@@ -85,6 +95,7 @@ bool ScenarioRun::init(const std::string& tail, const std::string& refusal)
     const std::string text = "0," + std::to_string(m_port) + "," + tail;
     const auto* const bytes = reinterpret_cast<const alif_int8_t*>(text.c_str());
     const bool done = succeeds([&] { return m_api.init(1, bytes); }, refusal);
+    m_streams = m_streams || refusal.empty();
     if (done && refusal.empty()) {
         expect(tail);
     }
@@ -107,6 +118,7 @@ void ScenarioRun::expect(const std::string& tail)
 
 bool ScenarioRun::disable()
 {
+    m_streams = false;
     return succeeds([&] { return m_api.init(0, nullptr); });
 }
 
