@@ -197,10 +197,10 @@ void Soak::abuse()
             client.step();
         }
     }
-    // The kernel keeps some of them waiting for a second or more; those have gone for good by then.
     for (const AbusiveClient& client : crowd) {
         m_report.abusers += client.begun() ? 1 : 0;
     }
+    crowd.clear(); // else those whom the kernel keeps waiting would take over from the next ones
     if (mayStall && dice(3) == 0) {
         stall();
     }
