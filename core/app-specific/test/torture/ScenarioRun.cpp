@@ -139,7 +139,6 @@ bool ScenarioRun::apply(const std::vector<int>& channels, bool constantBuffers)
 
 void ScenarioRun::inChild(void (*life)(ScenarioRun&))
 {
-    Schedule::letTheEndedGo();
     const Child child([&] {
         life(*this);
         REQUIRE(!::testing::Test::HasFailure());

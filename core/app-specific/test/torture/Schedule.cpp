@@ -49,8 +49,8 @@ struct Slot
 {
     std::string_view who; // nobody: the slot is free
     pthread_t handle = {};
-    pid_t id = 0;
-    Slot* creator = nullptr;
+    pid_t id = 0;            // the kernel's
+    Slot* creator = nullptr; // stays in pthread_create until the thread waits for its turn
     void* (*function)(void*) = nullptr;
     void* argument = nullptr;
     const char* at = "";
@@ -324,6 +324,22 @@ void* runThread(void* argument)
     return result;
 }
 
+/// Before a fork. One of them may be in the sanitizer's allocator still, and the child would wait for its
+/// lock for ever.
+void letTheEndedGo()
+{
+    for (const Slot& slot : g_slots) {
+        const bool hasEnded = !slot.who.empty() && slot.waitsFor == &THE_END;
+        for (int k = 0; hasEnded && ::tgkill(::getpid(), slot.id, 0) == 0; ++k) {
+            if (k == KERNEL_TIME_MS) {
+                fail("A thread that doesn't end");
+            }
+            const timespec pause = timespecOf(NS_PER_MS);
+            __real_nanosleep(&pause, nullptr);
+        }
+    }
+}
+
 /// A forked child goes on alone, in the same run.
 void loseOthers()
 {
@@ -348,7 +364,7 @@ void stayOnOneProcessor()
 __attribute__((constructor(101))) void prepare()
 {
     stayOnOneProcessor();
-    ::pthread_atfork(nullptr, nullptr, &loseOthers);
+    ::pthread_atfork(&letTheEndedGo, nullptr, &loseOthers);
     std::atexit([] {
         if (t_self != nullptr) {
             end();
@@ -396,20 +412,6 @@ bool frameDone()
         endStall();
     }
     return g_stalled != nullptr;
-}
-
-void letTheEndedGo()
-{
-    for (const Slot& slot : g_slots) {
-        const bool hasEnded = !slot.who.empty() && slot.waitsFor == &THE_END;
-        for (int k = 0; hasEnded && ::tgkill(::getpid(), slot.id, 0) == 0; ++k) {
-            if (k == KERNEL_TIME_MS) {
-                fail("A thread that doesn't end");
-            }
-            const timespec pause = timespecOf(NS_PER_MS);
-            __real_nanosleep(&pause, nullptr);
-        }
-    }
 }
 
 unsigned dice(unsigned sides)
@@ -517,6 +519,8 @@ STAND_IN(int, pthread_create,
     *handle = slot->handle;
     if (result == 0) {
         awaitTurn(*t_self); // a fork mustn't meet it in the sanitizer's own start of a thread
+    } else {
+        slot->who = {};
     }
     return result;
 }

@@ -57,9 +57,6 @@ void hostIsInLibrary(bool inside);
 std::string_view inLibrary();
 /// One more frame is delivered. Whether a thread stands still now.
 bool frameDone();
-/// Until the kernel has done with the threads that have ended. One may be in a sanitizer's allocator still,
-/// and a forked child would wait for its lock for ever.
-void letTheEndedGo();
 /// A number below `sides`, from the run's sequence.
 unsigned dice(unsigned sides);
 
